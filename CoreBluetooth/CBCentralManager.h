@@ -1,0 +1,121 @@
+// The central role: scanning, connecting, and the remote GATT objects.
+//
+//   auto manager = CBCentralManager::initWithDelegate(weak_from_this(), nullptr);
+//   // on the main queue: centralManagerDidUpdateState(manager)
+//   if (manager->state() == CBManagerState::PoweredOn)
+//     manager->scanForPeripheralsWithServices(std::nullopt, {});
+//
+// A manager made with a null queue delivers every callback, its peripherals'
+// included, on the main queue (RunLoop::main()); with a queue, on that queue.
+// The manager uses the process-wide radio current when it is made
+// (radio::Backend::current()). It reports its state once after creation and
+// then on every change; state() reads the last reported value.
+//
+// Scan reports: with CBCentralManagerScanOptionAllowDuplicatesKey false (the
+// default) a device is reported once per scan, and again only when its
+// advertised data changes; with true, every report. Reports that reach the
+// queue after stopScan() are dropped. Peripherals are kept per device address,
+// so repeated reports hand out the same CBPeripheral object.
+//
+// Connecting to a peripheral that is already connected succeeds silently (no
+// second didConnectPeripheral).
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "CoreBluetooth/Backend.h"
+#include "CoreBluetooth/CBAdvertisementData.h"
+#include "CoreBluetooth/CBPeripheral.h"
+#include "CoreBluetooth/CBTypes.h"
+#include "Foundation/Dispatch.h"
+#include "Foundation/Number.h"
+#include "Foundation/Object.h"
+
+namespace lumora {
+
+class CBCentralManager;
+
+/// The central manager's delegate; every operation on the manager's queue.
+class CBCentralManagerDelegate {
+ public:
+  virtual ~CBCentralManagerDelegate() = default;
+  virtual void centralManagerDidUpdateState(const std::shared_ptr<CBCentralManager>& central) = 0;
+  virtual void didDiscoverPeripheral(const std::shared_ptr<CBCentralManager>& central,
+                                     const std::shared_ptr<CBPeripheral>& peripheral,
+                                     const CBAdvertisementData& advertisementData,
+                                     const Number& RSSI) = 0;
+  virtual void didConnectPeripheral(const std::shared_ptr<CBCentralManager>& central,
+                                    const std::shared_ptr<CBPeripheral>& peripheral) = 0;
+  virtual void didFailToConnectPeripheral(const std::shared_ptr<CBCentralManager>& central,
+                                          const std::shared_ptr<CBPeripheral>& peripheral,
+                                          ErrorRef error) = 0;
+  virtual void didDisconnectPeripheral(const std::shared_ptr<CBCentralManager>& central,
+                                       const std::shared_ptr<CBPeripheral>& peripheral,
+                                       ErrorRef error) = 0;
+};
+
+class CBCentralManager : public std::enable_shared_from_this<CBCentralManager>,
+                         public radio::CentralEvents {
+ public:
+  /// initWithDelegate:queue:. A null queue means the main queue. The
+  /// delegate is held weakly.
+  static std::shared_ptr<CBCentralManager> initWithDelegate(
+      std::weak_ptr<CBCentralManagerDelegate> delegate, DispatchQueuePtr queue,
+      std::optional<Dictionary> options = std::nullopt);
+  ~CBCentralManager() override;
+
+  std::shared_ptr<CBCentralManagerDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<CBCentralManagerDelegate> delegate);
+
+  CBManagerState state() const;
+  bool isScanning() const;
+
+  /// Null services: every advertiser. Options: CBCentralManagerScanOptionAllowDuplicatesKey.
+  void scanForPeripheralsWithServices(const std::optional<std::vector<CBUUID>>& serviceUUIDs,
+                                      const std::optional<Dictionary>& options);
+  void stopScan();
+  /// Options are accepted for the platform's signature and not used.
+  void connectPeripheral(const std::shared_ptr<CBPeripheral>& peripheral,
+                         const std::optional<Dictionary>& options);
+  /// A null peripheral is ignored.
+  void cancelPeripheralConnection(const std::shared_ptr<CBPeripheral>& peripheral);
+
+  // Used by CBPeripheral to reach the radio.
+  radio::CentralRadio& radio() const { return *radio_; }
+  const DispatchQueuePtr& queue() const { return queue_; }
+
+  // radio::CentralEvents: raised on the radio's thread; each queues its
+  // delivery on this manager's queue.
+  void radioStateChanged(CBManagerState state) override;
+  void radioDiscovered(const radio::AdvertisingReport& report) override;
+  void radioConnected(const radio::PeripheralId& peripheral) override;
+  void radioConnectFailed(const radio::PeripheralId& peripheral, const Error& error) override;
+  void radioDisconnected(const radio::PeripheralId& peripheral,
+                         const std::optional<Error>& error) override;
+  void radioServicesDiscovered(const radio::PeripheralId& peripheral,
+                               const std::vector<radio::RemoteService>& services,
+                               const std::optional<Error>& error) override;
+  void radioCharacteristicsDiscovered(
+      const radio::PeripheralId& peripheral, radio::AttHandle service,
+      const std::vector<radio::RemoteCharacteristic>& characteristics,
+      const std::optional<Error>& error) override;
+  void radioValueUpdated(const radio::PeripheralId& peripheral, radio::AttHandle characteristic,
+                         const Data& value, const std::optional<Error>& error) override;
+  void radioValueWritten(const radio::PeripheralId& peripheral, radio::AttHandle characteristic,
+                         const std::optional<Error>& error) override;
+
+  CBCentralManager(DispatchQueuePtr queue);  // use initWithDelegate
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+  DispatchQueuePtr queue_;
+  std::shared_ptr<radio::CentralRadio> radio_;
+};
+
+}  // namespace lumora

@@ -1,0 +1,5 @@
+// Umbrella header of the CoreLocation layer.
+#pragma once
+
+#include "CoreLocation/CLBeaconRegion.h"
+#include "CoreLocation/CLLocationManager.h"

@@ -1,0 +1,30 @@
+// Choosing the radio at run time, in one place.
+//
+//   lumora::radio::Backend::setCurrent(lumora::radio::makeBackend("bluez:hci1"));
+//
+// Specs: "sim" (the simulated air in real time with the built-in scenario),
+// "sim:PATH" (the same with a scenario file), "bluez" (the default adapter),
+// "bluez:hciN" or "bluez:AA:BB:CC:DD:EE:FF" (an adapter by name or address).
+// LUMORA_BACKEND holds a spec for applications that do not choose.
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "CoreBluetooth/Backend.h"
+
+namespace lumora::radio {
+
+/// A radio that cannot be had (unknown spec, no adapter, bluetoothd not
+/// running, permission denied): what() is a one-line explanation.
+class BackendError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Makes the radio a spec names; throws BackendError.
+std::shared_ptr<Backend> makeBackend(std::string_view spec);
+
+}  // namespace lumora::radio
