@@ -59,7 +59,12 @@ void dispatch_once(dispatch_once_t& predicate, F&& block) {
 bool isMainThread();
 
 namespace dispatch {
-/// Blocks until the global pool has no queued or running work.
+/// Blocks until the global pool has no queued or running work. Called from
+/// work on the pool, the caller's own item does not count.
+///
+/// At process exit the pool drops the work still queued and waits for the
+/// work already running, so work on the global queue must not block forever.
+/// A forked child has no pool threads: it must leave with _exit().
 void waitForGlobalIdle();
 /// Runs the main queue and waits for the global pool, over and over, until
 /// neither has work left: everything already set going has finished. Call it

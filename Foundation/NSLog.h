@@ -6,7 +6,9 @@
 // The default sink writes "2026-11-21 14:57:06.123 program[pid] text" on
 // stderr. A sink replaces it process-wide (tests capture lines this way); the
 // sink is called on the thread that logs, one line at a time, never
-// concurrently with itself.
+// concurrently with itself, with the log's lock held. A sink must therefore
+// not call NSLog (such a nested line bypasses the sink and goes to stderr) nor
+// wait for another thread that logs. It may call setLogSink.
 #pragma once
 
 #include <functional>
@@ -21,7 +23,9 @@ using LogSink = std::function<void(std::string_view line)>;
 void NSLog(std::string_view line);
 
 /// Installs `sink` (an empty function restores the default) and returns the
-/// one it replaces.
+/// one it replaces (empty if it was the default). A line being written
+/// meanwhile is finished first: once this returns, the old sink is not called
+/// again, so its captures may be destroyed.
 LogSink setLogSink(LogSink sink);
 
 }  // namespace lumora

@@ -53,12 +53,17 @@ class NSUserDefaults {
   const std::filesystem::path& path() const { return path_; }
 
  private:
-  void load();
-  bool store();  // called with mutex_ held
+  // Both run with mutex_ held and never log: they return the line to log, which
+  // the caller writes after unlocking (a log sink is application code).
+  // load() replaces values_ with the file's content; `ok` is false when the
+  // file exists but could not be read or parsed.
+  std::optional<std::string> load(bool& ok);
+  std::optional<std::string> store();
 
   std::filesystem::path path_;
   mutable std::mutex mutex_;
   Dictionary values_;
+  bool reportedUnreadable_ = false;  // the current bad file was already logged
 };
 
 }  // namespace lumora

@@ -61,11 +61,19 @@ class RunLoop {
   /// Runs until `done()` is true (checked after every task) or `timeout`
   /// passes; returns done().
   bool runUntil(const std::function<bool()>& done, Clock::duration timeout);
+  /// Ends the innermost run(), runFor() or runUntil() after the callback in
+  /// progress. A stop() that arrives while the loop is not running is kept and
+  /// ends the next run at once, so a stop sent from another thread just
+  /// before run() is never lost.
   void stop();
 
   /// Runs every task and due timer that is ready now, again until none is
   /// left, without blocking. Returns how many ran.
   std::size_t drain();
+
+  /// True while the calling thread is inside run(), runFor(), runUntil() or
+  /// drain() of this loop: the thread the loop's work is running on.
+  bool isRunningOnCurrentThread() const;
 
  private:
   struct Impl;

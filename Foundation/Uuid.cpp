@@ -1,0 +1,191 @@
+#include "Foundation/Uuid.h"
+
+#include <cstring>
+#include <random>
+
+namespace lumora {
+
+namespace {
+
+constexpr char kUpperHex[] = "0123456789ABCDEF";
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+bool isHyphenPosition(std::size_t i) {
+  return i == 8 || i == 13 || i == 18 || i == 23;
+}
+
+// FIPS 180-4 SHA-1, only as far as name-based UUIDs need it: the input is a
+// namespace and a short name, so it is hashed in one call.
+class Sha1 {
+ public:
+  void update(const std::uint8_t* data, std::size_t size) {
+    for (std::size_t i = 0; i < size; ++i) {
+      block_[blockUsed_++] = data[i];
+      if (blockUsed_ == 64) {
+        compress();
+        blockUsed_ = 0;
+      }
+    }
+    length_ += size;
+  }
+
+  std::array<std::uint8_t, 20> finish() {
+    const std::uint64_t bitLength = length_ * 8;
+    const std::uint8_t pad = 0x80;
+    update(&pad, 1);
+    const std::uint8_t zero = 0;
+    while (blockUsed_ != 56) update(&zero, 1);
+    std::uint8_t lengthBytes[8];
+    for (int i = 0; i < 8; ++i)
+      lengthBytes[i] = static_cast<std::uint8_t>(bitLength >> (56 - 8 * i));
+    update(lengthBytes, 8);
+    std::array<std::uint8_t, 20> digest{};
+    for (int i = 0; i < 5; ++i) {
+      for (int j = 0; j < 4; ++j) {
+        digest[i * 4 + j] = static_cast<std::uint8_t>(h_[i] >> (24 - 8 * j));
+      }
+    }
+    return digest;
+  }
+
+ private:
+  static std::uint32_t rotl(std::uint32_t x, int n) { return (x << n) | (x >> (32 - n)); }
+
+  void compress() {
+    std::uint32_t w[80];
+    for (int i = 0; i < 16; ++i) {
+      w[i] = (std::uint32_t{block_[i * 4]} << 24) | (std::uint32_t{block_[i * 4 + 1]} << 16) |
+             (std::uint32_t{block_[i * 4 + 2]} << 8) | std::uint32_t{block_[i * 4 + 3]};
+    }
+    for (int i = 16; i < 80; ++i) w[i] = rotl(w[i - 3] ^ w[i - 8] ^ w[i - 14] ^ w[i - 16], 1);
+    std::uint32_t a = h_[0], b = h_[1], c = h_[2], d = h_[3], e = h_[4];
+    for (int i = 0; i < 80; ++i) {
+      std::uint32_t f;
+      std::uint32_t k;
+      if (i < 20) {
+        f = (b & c) | (~b & d);
+        k = 0x5A827999;
+      } else if (i < 40) {
+        f = b ^ c ^ d;
+        k = 0x6ED9EBA1;
+      } else if (i < 60) {
+        f = (b & c) | (b & d) | (c & d);
+        k = 0x8F1BBCDC;
+      } else {
+        f = b ^ c ^ d;
+        k = 0xCA62C1D6;
+      }
+      const std::uint32_t t = rotl(a, 5) + f + e + k + w[i];
+      e = d;
+      d = c;
+      c = rotl(b, 30);
+      b = a;
+      a = t;
+    }
+    h_[0] += a;
+    h_[1] += b;
+    h_[2] += c;
+    h_[3] += d;
+    h_[4] += e;
+  }
+
+  std::uint32_t h_[5] = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
+  std::uint8_t block_[64] = {};
+  std::size_t blockUsed_ = 0;
+  std::uint64_t length_ = 0;
+};
+
+}  // namespace
+
+std::optional<Uuid> Uuid::fromString(std::string_view text) {
+  if (text.size() != 36) return std::nullopt;
+  Storage bytes{};
+  std::size_t out = 0;
+  int high = -1;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (isHyphenPosition(i)) {
+      if (c != '-') return std::nullopt;
+      continue;
+    }
+    const int digit = hexDigit(c);
+    if (digit < 0) return std::nullopt;
+    if (high < 0) {
+      high = digit;
+    } else {
+      bytes[out++] = static_cast<std::uint8_t>((high << 4) | digit);
+      high = -1;
+    }
+  }
+  return Uuid(bytes);
+}
+
+Uuid Uuid::fromBytes(const std::uint8_t* bytes) {
+  Storage storage;
+  std::memcpy(storage.data(), bytes, storage.size());
+  return Uuid(storage);
+}
+
+Uuid Uuid::random() {
+  // One generator per thread, seeded from the system's entropy: no lock on a
+  // path that every new peripheral and region may take.
+  thread_local std::mt19937_64 generator = [] {
+    std::random_device device;
+    std::seed_seq seed{device(), device(), device(), device(),
+                       device(), device(), device(), device()};
+    return std::mt19937_64(seed);
+  }();
+  Storage bytes;
+  for (std::size_t i = 0; i < bytes.size(); i += 8) {
+    const std::uint64_t value = generator();
+    for (std::size_t j = 0; j < 8; ++j) bytes[i + j] = static_cast<std::uint8_t>(value >> (8 * j));
+  }
+  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
+  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+  return Uuid(bytes);
+}
+
+Uuid Uuid::nameBased(const Uuid& ns, std::string_view name) {
+  Sha1 sha;
+  sha.update(ns.bytes_.data(), ns.bytes_.size());
+  sha.update(reinterpret_cast<const std::uint8_t*>(name.data()), name.size());
+  const auto digest = sha.finish();
+  Storage bytes;
+  std::memcpy(bytes.data(), digest.data(), bytes.size());
+  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x50);  // version 5
+  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+  return Uuid(bytes);
+}
+
+void Uuid::writeString(char* out) const {
+  std::size_t pos = 0;
+  for (std::size_t i = 0; i < bytes_.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) out[pos++] = '-';
+    out[pos++] = kUpperHex[bytes_[i] >> 4];
+    out[pos++] = kUpperHex[bytes_[i] & 0x0F];
+  }
+}
+
+std::string Uuid::UUIDString() const {
+  std::string text(36, '\0');
+  writeString(text.data());
+  return text;
+}
+
+}  // namespace lumora
+
+std::size_t std::hash<lumora::Uuid>::operator()(const lumora::Uuid& u) const noexcept {
+  // FNV-1a over the sixteen bytes: cheap and spreads every byte.
+  std::uint64_t h = 0xCBF29CE484222325ull;
+  for (std::uint8_t b : u.bytes()) {
+    h ^= b;
+    h *= 0x100000001B3ull;
+  }
+  return static_cast<std::size_t>(h);
+}
