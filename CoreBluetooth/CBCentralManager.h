@@ -18,9 +18,28 @@
 // so repeated reports hand out the same CBPeripheral object.
 //
 // Connecting to a peripheral that is already connected succeeds silently (no
-// second didConnectPeripheral).
+// second didConnectPeripheral). A disconnection (requested or not) leaves the
+// peripheral Disconnected with its services() null: the remote database has
+// to be discovered again on the next link.
+//
+// Delivery: radio events are only queued on the radio's thread. Each one
+// becomes one delivery on the manager's queue, run one at a time in the order
+// the radio raised them even when the queue is the global concurrent one (a
+// per-manager FIFO that a single task drains at a time). A delivery applies
+// the model change it reports (state, peripheral state, services and
+// characteristics lists, a characteristic's value) and then calls the
+// delegate, without holding any lock. A delegate callback must therefore not
+// wait for a later callback of the same manager. A manager that has been
+// destroyed delivers nothing more; destroying it closes its radio session.
+//
+// Lifetime of peripherals: the manager keeps a peripheral alive while it is
+// connecting or connected; otherwise it refers to it weakly, and the same
+// object is handed out for as long as anyone else holds it (the application,
+// a pending delivery). A long scan among rotating addresses therefore does
+// not pile up peripheral objects.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -113,9 +132,20 @@ class CBCentralManager : public std::enable_shared_from_this<CBCentralManager>,
 
  private:
   struct Impl;
+  using Delivery = std::function<void(const std::shared_ptr<CBCentralManager>&)>;
+
+  // Queues `delivery` on this manager's delivery line; it runs on the queue,
+  // after everything queued before it, and only while the manager lives.
+  void post(Delivery delivery);
+  // On the queue: records `state` and reports it unless it was reported last.
+  void deliverState(CBManagerState state);
+  // The peripheral object of `address`: the known one, else (with `create`) a
+  // new one. Null when unknown and not created.
+  std::shared_ptr<CBPeripheral> peripheralFor(const radio::PeripheralId& address, bool create);
+
   std::shared_ptr<Impl> impl_;
   DispatchQueuePtr queue_;
-  std::shared_ptr<radio::CentralRadio> radio_;
+  std::shared_ptr<radio::CentralRadio> radio_;  // set once, before any delivery runs
 };
 
 }  // namespace lumora

@@ -10,15 +10,31 @@
 //   pm->addService(s);        // didAddService(pm, s, error) follows
 //
 // Callbacks arrive on the queue given at creation (null: the main queue). On
-// the global concurrent queue they run on worker threads, possibly several at
-// once for different events; requests of one central are delivered in the
-// order they arrived. The manager holds its delegate weakly: a delegate that
-// has been destroyed is never called.
+// the global concurrent queue they run on worker threads, never on the main
+// thread. Requests of one central are delivered in the order they arrived;
+// to keep that promise without a serial queue of its own, each manager
+// delivers through a FIFO of its own that one worker task drains at a time:
+// callbacks of one manager never overlap and come in the order the radio
+// raised the events (state, service added, advertising, requests), while
+// different managers proceed in parallel. A callback must therefore not
+// wait for a later callback of the same manager. The manager holds its
+// delegate weakly: a delegate that has been destroyed is never called.
+//
+// A request that cannot reach the application is answered by the manager so
+// that the central is not left waiting: a request for a service that has
+// been removed gets CBATTError::InvalidHandle, and a request that arrives
+// while the manager has no delegate gets CBATTError::UnlikelyError.
+//
+// isAdvertising() is true from a successful peripheralManagerDidStartAdvertising
+// until stopAdvertising() or the adapter leaves the powered-on state.
+// Destroying the manager closes its radio session: advertising stops and its
+// services are withdrawn.
 //
 // Every request handed to didReceiveReadRequest / didReceiveWriteRequests
 // must be answered with respondToRequest, one answer per request.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -148,6 +164,17 @@ class CBPeripheralManager : public std::enable_shared_from_this<CBPeripheralMana
 
  private:
   struct Impl;
+  using Delivery = std::function<void(const std::shared_ptr<CBPeripheralManager>&)>;
+
+  // Queues `delivery` on this manager's delivery line (see the top of this
+  // file); it runs only while the manager lives.
+  void post(Delivery delivery);
+  // On the queue: records `state` and reports it unless it was reported last.
+  void deliverState(CBManagerState state);
+  // The front object of a radio request; null when its service or
+  // characteristic is no longer published.
+  std::shared_ptr<CBATTRequest> requestFor(const radio::AttRequest& request, bool isWrite);
+
   std::shared_ptr<Impl> impl_;
 };
 

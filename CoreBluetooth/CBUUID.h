@@ -55,8 +55,16 @@ class CBUUID {
   friend auto operator<=>(const CBUUID& a, const CBUUID& b) { return a.full_ <=> b.full_; }
 
  private:
+  // The Bluetooth base UUID, 00000000-0000-1000-8000-00805F9B34FB: short
+  // aliases occupy its first four bytes.
+  static constexpr Uuid::Storage kBase{0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00,
+                                       0x80, 0x00, 0x00, 0x80, 0x5F, 0x9B, 0x34, 0xFB};
+
   explicit CBUUID(const Uuid& full) : full_(full) {}
-  Uuid full_;
+  /// True when the last twelve bytes are those of the base UUID.
+  bool onBase() const;
+
+  Uuid full_{kBase};
 };
 
 }  // namespace lumora

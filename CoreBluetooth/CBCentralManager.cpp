@@ -1,0 +1,364 @@
+#include "CoreBluetooth/CBCentralManager.h"
+
+#include <algorithm>
+#include <unordered_map>
+#include <utility>
+
+#include "CoreBluetooth/SerialDelivery.h"
+
+namespace lumora {
+
+// Everything here is guarded by `mutex`, except `line` (set once, before the
+// manager is handed out, and thread-safe itself).
+struct CBCentralManager::Impl {
+  struct Known {
+    std::weak_ptr<CBPeripheral> peripheral;
+    std::shared_ptr<CBPeripheral> pinned;  // held while connecting or connected
+  };
+
+  std::shared_ptr<detail::SerialDelivery> line;
+
+  std::mutex mutex;
+  std::weak_ptr<CBCentralManagerDelegate> delegate;
+  CBManagerState state = CBManagerState::Unknown;
+  bool stateReported = false;
+
+  bool scanning = false;
+  bool allowDuplicates = false;
+  std::optional<std::vector<CBUUID>> scanServices;
+  // Without duplicates: the advertisement last reported per address in this
+  // scan; a device is reported again only when it differs.
+  std::unordered_map<radio::PeripheralId, CBAdvertisementData> reported;
+
+  std::unordered_map<radio::PeripheralId, Known> peripherals;
+  std::size_t pruneAt = 64;
+
+  void pinLocked(const std::shared_ptr<CBPeripheral>& peripheral, bool pin) {
+    auto& known = peripherals[peripheral->address()];
+    known.peripheral = peripheral;
+    known.pinned = pin ? peripheral : nullptr;
+  }
+};
+
+namespace {
+
+bool wantedByFilter(const std::optional<std::vector<CBUUID>>& filter,
+                    const CBAdvertisementData& advertisement) {
+  if (!filter || filter->empty()) return true;
+  return std::any_of(filter->begin(), filter->end(), [&](const CBUUID& wanted) {
+    const auto& offered = advertisement.serviceUUIDs;
+    return std::find(offered.begin(), offered.end(), wanted) != offered.end();
+  });
+}
+
+}  // namespace
+
+CBCentralManager::CBCentralManager(DispatchQueuePtr queue)
+    : impl_(std::make_shared<Impl>()), queue_(queue ? std::move(queue) : DispatchQueue::main()) {
+  impl_->line = detail::SerialDelivery::make(queue_);
+}
+
+std::shared_ptr<CBCentralManager> CBCentralManager::initWithDelegate(
+    std::weak_ptr<CBCentralManagerDelegate> delegate, DispatchQueuePtr queue,
+    std::optional<Dictionary> /*options*/) {
+  auto manager = std::make_shared<CBCentralManager>(std::move(queue));
+  manager->impl_->delegate = std::move(delegate);
+  // The radio may raise events as soon as the session is open; they wait on
+  // the held line until radio_ is in place.
+  manager->radio_ = radio::Backend::current()->openCentral(manager->weak_from_this());
+  // The first report reads the radio's state when it runs, so a change the
+  // radio raised meanwhile is not undone by an older reading.
+  manager->post([](const std::shared_ptr<CBCentralManager>& self) {
+    self->deliverState(self->radio_->state());
+  });
+  manager->impl_->line->release();
+  return manager;
+}
+
+CBCentralManager::~CBCentralManager() {
+  if (radio_) radio_->close();
+}
+
+void CBCentralManager::post(Delivery delivery) {
+  impl_->line->post([weak = weak_from_this(), delivery = std::move(delivery)] {
+    if (auto self = weak.lock()) delivery(self);
+  });
+}
+
+std::shared_ptr<CBCentralManagerDelegate> CBCentralManager::delegate() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->delegate.lock();
+}
+
+void CBCentralManager::setDelegate(std::weak_ptr<CBCentralManagerDelegate> delegate) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->delegate = std::move(delegate);
+}
+
+CBManagerState CBCentralManager::state() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->state;
+}
+
+bool CBCentralManager::isScanning() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->scanning;
+}
+
+void CBCentralManager::deliverState(CBManagerState state) {
+  std::shared_ptr<CBCentralManagerDelegate> delegate;
+  {
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->stateReported && impl_->state == state) return;
+    impl_->state = state;
+    impl_->stateReported = true;
+    delegate = impl_->delegate.lock();
+  }
+  if (delegate) delegate->centralManagerDidUpdateState(shared_from_this());
+}
+
+std::shared_ptr<CBPeripheral> CBCentralManager::peripheralFor(const radio::PeripheralId& address,
+                                                              bool create) {
+  std::lock_guard lock(impl_->mutex);
+  auto& peripherals = impl_->peripherals;
+  if (auto it = peripherals.find(address); it != peripherals.end()) {
+    if (auto known = it->second.peripheral.lock()) return known;
+  }
+  if (!create) return nullptr;
+  if (peripherals.size() >= impl_->pruneAt) {
+    std::erase_if(peripherals, [](const auto& entry) { return entry.second.peripheral.expired(); });
+    impl_->pruneAt = std::max<std::size_t>(64, 2 * peripherals.size());
+  }
+  auto made = std::make_shared<CBPeripheral>(weak_from_this(), address, std::nullopt);
+  peripherals[address].peripheral = made;
+  return made;
+}
+
+void CBCentralManager::scanForPeripheralsWithServices(
+    const std::optional<std::vector<CBUUID>>& serviceUUIDs,
+    const std::optional<Dictionary>& options) {
+  bool allowDuplicates = false;
+  if (options) {
+    if (auto it = options->find(CBCentralManagerScanOptionAllowDuplicatesKey);
+        it != options->end()) {
+      allowDuplicates = numberValue(it->second).value_or(Number(false)).boolValue();
+    }
+  }
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->scanning = true;
+    impl_->allowDuplicates = allowDuplicates;
+    impl_->scanServices = serviceUUIDs;
+    impl_->reported.clear();
+  }
+  if (radio_) radio_->startScan(radio::ScanParameters{allowDuplicates, serviceUUIDs});
+}
+
+void CBCentralManager::stopScan() {
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->scanning = false;
+    impl_->reported.clear();
+  }
+  if (radio_) radio_->stopScan();
+}
+
+void CBCentralManager::connectPeripheral(const std::shared_ptr<CBPeripheral>& peripheral,
+                                         const std::optional<Dictionary>& /*options*/) {
+  if (!peripheral || !radio_) return;
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->pinLocked(peripheral, true);
+  }
+  // The radio answers nothing for a link that is already up, so a connected
+  // peripheral keeps its state.
+  if (peripheral->state() != CBPeripheralState::Connected) {
+    peripheral->setState(CBPeripheralState::Connecting);
+  }
+  radio_->connect(peripheral->address());
+}
+
+void CBCentralManager::cancelPeripheralConnection(const std::shared_ptr<CBPeripheral>& peripheral) {
+  if (!peripheral || !radio_) return;
+  // Only a link or an attempt is answered by a disconnection; without one
+  // the peripheral stays Disconnected.
+  const auto state = peripheral->state();
+  if (state == CBPeripheralState::Connected || state == CBPeripheralState::Connecting) {
+    peripheral->setState(CBPeripheralState::Disconnecting);
+  }
+  radio_->cancelConnection(peripheral->address());
+}
+
+// --- radio events: radio thread, queue only -------------------------------------
+
+void CBCentralManager::radioStateChanged(CBManagerState state) {
+  post([state](const std::shared_ptr<CBCentralManager>& self) { self->deliverState(state); });
+}
+
+void CBCentralManager::radioDiscovered(const radio::AdvertisingReport& report) {
+  post([report](const std::shared_ptr<CBCentralManager>& self) {
+    auto& impl = *self->impl_;
+    {
+      std::lock_guard lock(impl.mutex);
+      if (!impl.scanning || !wantedByFilter(impl.scanServices, report.advertisement)) return;
+      if (!impl.allowDuplicates) {
+        auto [it, first] = impl.reported.try_emplace(report.address, report.advertisement);
+        if (!first) {
+          if (it->second == report.advertisement) return;
+          it->second = report.advertisement;
+        }
+      }
+    }
+    auto peripheral = self->peripheralFor(report.address, true);
+    if (report.advertisement.localName) peripheral->setName(report.advertisement.localName);
+    if (auto delegate = self->delegate()) {
+      delegate->didDiscoverPeripheral(self, peripheral, report.advertisement, Number(report.rssi));
+    }
+  });
+}
+
+void CBCentralManager::radioConnected(const radio::PeripheralId& address) {
+  post([address](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, true);
+    {
+      std::lock_guard lock(self->impl_->mutex);
+      self->impl_->pinLocked(peripheral, true);
+    }
+    peripheral->setState(CBPeripheralState::Connected);
+    if (auto delegate = self->delegate()) delegate->didConnectPeripheral(self, peripheral);
+  });
+}
+
+void CBCentralManager::radioConnectFailed(const radio::PeripheralId& address, const Error& error) {
+  post([address, error](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, true);
+    {
+      std::lock_guard lock(self->impl_->mutex);
+      self->impl_->pinLocked(peripheral, false);
+    }
+    peripheral->setState(CBPeripheralState::Disconnected);
+    if (auto delegate = self->delegate()) {
+      delegate->didFailToConnectPeripheral(self, peripheral, error);
+    }
+  });
+}
+
+void CBCentralManager::radioDisconnected(const radio::PeripheralId& address,
+                                         const std::optional<Error>& error) {
+  post([address, error](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, true);
+    {
+      std::lock_guard lock(self->impl_->mutex);
+      self->impl_->pinLocked(peripheral, false);
+    }
+    peripheral->setState(CBPeripheralState::Disconnected);
+    // The remote database is gone with the link; its handles mean nothing on
+    // the next one.
+    peripheral->setServicesList(std::nullopt);
+    if (auto delegate = self->delegate())
+      delegate->didDisconnectPeripheral(self, peripheral, error);
+  });
+}
+
+void CBCentralManager::radioServicesDiscovered(const radio::PeripheralId& address,
+                                               const std::vector<radio::RemoteService>& services,
+                                               const std::optional<Error>& error) {
+  post([address, services, error](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, false);
+    if (!peripheral) return;
+    // A failed discovery that found nothing leaves the earlier list alone.
+    if (!error || !services.empty()) {
+      const auto previous = peripheral->services();
+      CBServiceList list;
+      list.reserve(services.size());
+      for (const auto& found : services) {
+        std::shared_ptr<CBService> service;
+        // Rediscovery hands out the objects the application already holds.
+        if (previous) {
+          for (const auto& old : *previous) {
+            if (old && old->handle() == found.handle && old->UUID() == found.uuid) service = old;
+          }
+        }
+        if (!service) {
+          service = std::make_shared<CBService>(found.uuid, found.primary);
+          service->setHandle(found.handle);
+          service->setPeripheral(peripheral);
+        }
+        list.push_back(std::move(service));
+      }
+      peripheral->setServicesList(std::move(list));
+    }
+    if (auto delegate = peripheral->delegate()) delegate->didDiscoverServices(peripheral, error);
+  });
+}
+
+void CBCentralManager::radioCharacteristicsDiscovered(
+    const radio::PeripheralId& address, radio::AttHandle serviceHandle,
+    const std::vector<radio::RemoteCharacteristic>& characteristics,
+    const std::optional<Error>& error) {
+  post([address, serviceHandle, characteristics,
+        error](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, false);
+    if (!peripheral) return;
+    auto service = peripheral->serviceWithHandle(serviceHandle);
+    if (!service) return;
+    if (!error || !characteristics.empty()) {
+      const auto previous = service->characteristics();
+      CBCharacteristicList list;
+      list.reserve(characteristics.size());
+      for (const auto& found : characteristics) {
+        std::shared_ptr<CBCharacteristic> characteristic;
+        if (previous) {
+          for (const auto& old : *previous) {
+            if (old && old->handle() == found.handle && old->UUID() == found.uuid) {
+              characteristic = old;
+            }
+          }
+        }
+        if (!characteristic) {
+          characteristic =
+              std::make_shared<CBCharacteristic>(found.uuid, found.properties, std::nullopt);
+          characteristic->setHandle(found.handle);
+          characteristic->setService(service);
+        }
+        list.push_back(std::move(characteristic));
+      }
+      service->setCharacteristicsList(std::move(list));
+    }
+    if (auto delegate = peripheral->delegate()) {
+      delegate->didDiscoverCharacteristicsForService(peripheral, service, error);
+    }
+  });
+}
+
+void CBCentralManager::radioValueUpdated(const radio::PeripheralId& address,
+                                         radio::AttHandle handle, const Data& value,
+                                         const std::optional<Error>& error) {
+  post([address, handle, value, error](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, false);
+    if (!peripheral) return;
+    auto characteristic = peripheral->characteristicWithHandle(handle);
+    if (!characteristic) return;
+    // A failed read without a value keeps the last good one.
+    if (value) characteristic->setValue(value);
+    if (auto delegate = peripheral->delegate()) {
+      delegate->didUpdateValueForCharacteristic(peripheral, characteristic, error);
+    }
+  });
+}
+
+void CBCentralManager::radioValueWritten(const radio::PeripheralId& address,
+                                         radio::AttHandle handle,
+                                         const std::optional<Error>& error) {
+  post([address, handle, error](const std::shared_ptr<CBCentralManager>& self) {
+    auto peripheral = self->peripheralFor(address, false);
+    if (!peripheral) return;
+    auto characteristic = peripheral->characteristicWithHandle(handle);
+    if (!characteristic) return;
+    if (auto delegate = peripheral->delegate()) {
+      delegate->didWriteValueForCharacteristic(peripheral, characteristic, error);
+    }
+  });
+}
+
+}  // namespace lumora

@@ -1,0 +1,53 @@
+// Internal to the CoreBluetooth layer: the per-manager delivery line.
+//
+// Every callback of a manager (its peripherals' included) goes through one
+// SerialDelivery on the manager's queue. Work runs one item at a time in the
+// order it was posted, even on the global concurrent queue: at most one drain
+// task of a line is queued or running at any moment, and it runs the items
+// that were waiting when it started before handing over to a fresh task, so a
+// busy line never keeps a serial queue (the main queue) to itself.
+//
+// A line starts held: items posted while the manager is still being wired
+// (its radio session may raise events at once) wait until release().
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "Foundation/Dispatch.h"
+
+namespace lumora::detail {
+
+class SerialDelivery : public std::enable_shared_from_this<SerialDelivery> {
+ public:
+  /// A held line on `queue` (null: the main queue).
+  static std::shared_ptr<SerialDelivery> make(DispatchQueuePtr queue);
+
+  /// Queues `work` after everything posted before it. Thread-safe, never
+  /// blocks on the work itself, never runs it on the calling thread.
+  void post(std::function<void()> work);
+  /// Lets held and later work run.
+  void release();
+
+  const DispatchQueuePtr& queue() const { return queue_; }
+
+  explicit SerialDelivery(DispatchQueuePtr queue);  // use make()
+
+ private:
+  // Called with mutex_ held; true when a drain task must be queued.
+  bool claimDrainLocked();
+  void drain();
+  // Ends a drain task: puts back what it did not run and hands over to a
+  // fresh task when work is waiting.
+  void finishDrain(std::deque<std::function<void()>> unrun);
+
+  DispatchQueuePtr queue_;
+  std::mutex mutex_;
+  std::deque<std::function<void()>> pending_;
+  bool held_ = true;
+  bool draining_ = false;
+};
+
+}  // namespace lumora::detail
