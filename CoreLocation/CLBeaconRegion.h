@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CoreBluetooth/CBAdvertisementData.h"
@@ -26,6 +27,11 @@ class CLBeaconRegion {
   /// A minor without a major is ignored (the platform has no such region).
   CLBeaconRegion(Uuid proximityUUID, std::optional<std::uint16_t> major,
                  std::optional<std::uint16_t> minor, std::string identifier);
+  /// initWithProximityUUID:identifier: (every major and minor). Spelled out
+  /// because std::nullopt alone cannot pick between the forms above and below.
+  CLBeaconRegion(Uuid proximityUUID, std::string identifier)
+      : CLBeaconRegion(proximityUUID, std::optional<std::uint16_t>(),
+                       std::optional<std::uint16_t>(), std::move(identifier)) {}
   /// With number objects, as the emulator builds it; values are taken as
   /// unsigned 16-bit (unsignedShortValue).
   CLBeaconRegion(Uuid proximityUUID, const std::optional<Number>& major,
@@ -86,8 +92,9 @@ class CLBeacon {
 using CLBeaconList = std::vector<std::shared_ptr<CLBeacon>>;
 
 /// iBeacon identity read from manufacturer data (company 0x004C, type 02 15,
-/// at least 25 bytes). Empty optional for anything else. Never reads past
-/// the buffer.
+/// at least 25 bytes). Empty optional for anything else, a frame announcing
+/// another length than 0x15 included; bytes past the 25th are ignored. Never
+/// reads past the buffer. Pure and thread-safe.
 struct IBeaconFrame {
   Uuid uuid;
   std::uint16_t major = 0;

@@ -20,10 +20,25 @@
 //
 // Callbacks arrive on the queue of the thread that created the manager's
 // first ranging: the main queue (this layer has no other run loop).
+//
+// Beacons are reported only while the radio's adapter is powered on and the
+// authorization status is AuthorizedAlways or AuthorizedWhenInUse; otherwise
+// every region keeps receiving empty results and what was heard before is
+// forgotten. The manager must be owned by a std::shared_ptr (as above): the
+// callback hands it to the delegate.
+//
+// Filters in detail. RunningAverage keeps, per beacon, the samples of the
+// last `averageWindow` (at most 255: the oldest give way first). With n > 2
+// samples it drops the n/10 + 1 lowest and the n/10 + 1 highest and averages
+// the rest; with 1 or 2 it averages them all. Arma folds every sample in as
+// it arrives. The filtered value is rounded to the nearest integer for
+// `rssi`, and accuracy is computed from that rounded value. Readings outside
+// the controller's range [-127, 20] are ignored like 0 and 127.
 #pragma once
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "CoreLocation/CLBeaconRegion.h"
@@ -73,6 +88,13 @@ struct RangingOptions {
   double nearUpTo = 4.0;
   /// Beacons remembered per ranged region at most.
   std::size_t maxBeaconsPerRegion = 4096;
+
+  /// The distance curve, metres: ratio = rssi / measuredPower; ratio < 1
+  /// gives ratio^10, otherwise 0.89976 * ratio^7.7095 + 0.111. -1 (unknown)
+  /// when rssi or measuredPower is 0 (no reading, or an uncalibrated beacon).
+  static double accuracyFor(int rssi, int measuredPower);
+  /// The proximity class of an accuracy under these thresholds.
+  CLProximity proximityFor(double accuracy) const;
 };
 
 class CLLocationManager : public std::enable_shared_from_this<CLLocationManager> {
@@ -91,8 +113,12 @@ class CLLocationManager : public std::enable_shared_from_this<CLLocationManager>
   /// Recorded only; no callback follows.
   void requestAlwaysAuthorization();
   void requestWhenInUseAuthorization();
+  /// The authorization last requested of this manager (AuthorizedAlways or
+  /// AuthorizedWhenInUse), null before any request.
+  std::optional<CLAuthorizationStatus> requestedAuthorization() const;
   bool respondsToRequestAlwaysAuthorization() const { return true; }
   void setPausesLocationUpdatesAutomatically(bool pauses);
+  /// Recorded only (ranging never pauses); true until set.
   bool pausesLocationUpdatesAutomatically() const;
 
   /// Starts ranging `region` (a region already ranged, by identity of the
@@ -103,7 +129,10 @@ class CLLocationManager : public std::enable_shared_from_this<CLLocationManager>
   void stopRangingBeaconsInRegion(const std::shared_ptr<CLBeaconRegion>& region);
   std::vector<std::shared_ptr<CLBeaconRegion>> rangedRegions() const;
 
-  /// Process-wide options for managers created afterwards.
+  /// Process-wide options for managers created afterwards. The period is
+  /// kept within [1 ms, 1 h], the average window within [0, 1 h] (samples
+  /// are timed to about a millisecond), and a maxBeaconsPerRegion of 0 is
+  /// taken as 1.
   static void setDefaultRangingOptions(const RangingOptions& options);
   static RangingOptions defaultRangingOptions();
 

@@ -1,0 +1,527 @@
+// Ranging driven through a hand-fed radio, where every reading and every
+// tick is chosen by the test.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <list>
+#include <random>
+#include <thread>
+
+#include "CoreLocation/CLLocationManager.h"
+#include "FakeRadio.h"
+#include "Recorder.h"
+
+namespace lumora {
+namespace {
+
+using namespace std::chrono_literals;
+using test::FakeRadio;
+using test::RangingRecorder;
+using U16 = std::optional<std::uint16_t>;
+
+const Uuid kUuid = *Uuid::fromString("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+const Uuid kOther = *Uuid::fromString("5A4BCFCE-174E-4BAC-A814-092E77F6B7E5");
+
+class Ranging : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    saved_ = CLLocationManager::defaultRangingOptions();
+    radio_ = std::make_shared<FakeRadio>();
+    radio::Backend::setCurrent(radio_);
+    recorder_ = std::make_shared<RangingRecorder>();
+  }
+  void TearDown() override {
+    manager_.reset();
+    dispatch::settle();
+    CLLocationManager::setDefaultRangingOptions(saved_);
+    radio::Backend::setCurrent(nullptr);
+  }
+
+  std::shared_ptr<CLLocationManager> makeManager(const RangingOptions& options = {}) {
+    CLLocationManager::setDefaultRangingOptions(options);
+    manager_ = std::make_shared<CLLocationManager>();
+    manager_->setDelegate(recorder_);
+    return manager_;
+  }
+
+  std::shared_ptr<CLBeaconRegion> range(U16 major = {}, U16 minor = {}, Uuid uuid = kUuid) {
+    auto region = std::make_shared<CLBeaconRegion>(uuid, major, minor, "region");
+    manager_->startRangingBeaconsInRegion(region);
+    return region;
+  }
+
+  // Each reading one millisecond after the previous one.
+  void emitReadings(const std::vector<int>& rssis, std::uint16_t minor = 1, int power = -59) {
+    for (int rssi : rssis) {
+      radio_->emit(FakeRadio::beacon(kUuid, 1, minor, rssi, power));
+      radio_->advance(1ms);
+    }
+  }
+
+  // Moves the clock to the next whole second, where the tick falls.
+  void toNextTick() {
+    const auto now = radio_->now();
+    radio_->advance(std::chrono::ceil<std::chrono::seconds>(now + 1ns) - now);
+  }
+
+  const RangingRecorder::Call& lastCall() {
+    EXPECT_FALSE(recorder_->calls.empty());
+    return recorder_->calls.back();
+  }
+
+  RangingOptions saved_;
+  std::shared_ptr<FakeRadio> radio_;
+  std::shared_ptr<RangingRecorder> recorder_;
+  std::shared_ptr<CLLocationManager> manager_;
+};
+
+TEST_F(Ranging, RunningAverageDropsATenthPlusOneAtEachEnd) {
+  struct Case {
+    const char* name;
+    std::vector<int> rssis;
+    int expected;
+  };
+  const Case cases[] = {
+      {"one sample", {-70}, -70},
+      {"two: both kept", {-70, -62}, -66},
+      {"three: the middle one", {-40, -60, -100}, -60},
+      {"ten: two off each end", {-20, -55, -58, -60, -60, -60, -62, -65, -99, -127}, -61},
+      {"eleven: outliers gone", {-50, -50, -50, -50, -50, -50, -50, -50, -50, -100, -110}, -50},
+  };
+  for (const Case& c : cases) {
+    SetUp();
+    makeManager();
+    range();
+    emitReadings(c.rssis);
+    toNextTick();
+    ASSERT_EQ(lastCall().beacons.size(), 1u) << c.name;
+    EXPECT_EQ(lastCall().beacons[0]->rssi(), c.expected) << c.name;
+    TearDown();
+  }
+}
+
+TEST_F(Ranging, RunningAverageForgetsSamplesOutsideTheWindow) {
+  RangingOptions options;
+  options.averageWindow = 3s;
+  makeManager(options);
+  range();
+  emitReadings({-90, -90, -90, -90, -90});
+  radio_->advance(2500ms - radio_->now());
+  emitReadings({-60, -60, -60, -60, -60});
+  recorder_->calls.clear();
+  radio_->advance(4s - radio_->now());
+  ASSERT_EQ(recorder_->calls.size(), 2u);
+  // At 3 s all ten count (two off each end); at 4 s the first five are older
+  // than the window.
+  EXPECT_EQ(recorder_->calls[0].beacons.at(0)->rssi(), -75);
+  EXPECT_EQ(recorder_->calls[1].beacons.at(0)->rssi(), -60);
+}
+
+TEST_F(Ranging, RunningAverageWindowHoldsAcrossTheSampleClockWrap) {
+  // Samples are timed on a 24-bit clock of 2^20 ns that wraps at 2^44 ns
+  // (about 4.9 hours of radio time): ranging across that instant.
+  radio_->advance(std::chrono::nanoseconds(std::int64_t{1} << 44) - 2500ms);
+  RangingOptions options;
+  options.averageWindow = 3500ms;
+  makeManager(options);
+  range();  // ticks at 1.5 s and 0.5 s before the wrap, 0.5 s and 1.5 s after
+  emitReadings({-90, -90, -90, -90, -90});
+  radio_->advance(2600ms);  // just past the wrap
+  emitReadings({-60, -60, -60, -60, -60});
+  recorder_->calls.clear();
+  radio_->advance(1400ms);
+  ASSERT_EQ(recorder_->calls.size(), 2u);
+  // 0.5 s after the wrap all ten count; 1.5 s after, the first five are
+  // older than the window.
+  EXPECT_EQ(recorder_->calls[0].beacons.at(0)->rssi(), -75);
+  EXPECT_EQ(recorder_->calls[1].beacons.at(0)->rssi(), -60);
+}
+
+TEST_F(Ranging, AReadingTimedJustAfterTheTickStillCounts) {
+  makeManager();
+  range();
+  radio::AdvertisingReport early = FakeRadio::beacon(kUuid, 1, 1, -70);
+  early.time = 1s + 3ms;  // heard as the tick at 1 s was starting
+  radio_->emit(early);
+  radio_->advance(1s);
+  ASSERT_EQ(lastCall().beacons.size(), 1u);
+  EXPECT_EQ(lastCall().beacons[0]->rssi(), -70);
+}
+
+TEST_F(Ranging, RunningAverageKeepsTheLatestSamplesOfAFastAdvertiser) {
+  makeManager();
+  range();
+  for (int i = 0; i < 100; ++i) radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -90));
+  for (int i = 0; i < 255; ++i) radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -50));
+  toNextTick();
+  EXPECT_EQ(lastCall().beacons.at(0)->rssi(), -50);
+}
+
+TEST_F(Ranging, ArmaFollowsEachSampleFromTheFirst) {
+  RangingOptions options;
+  options.filter = RangingOptions::Filter::Arma;
+  options.armaSpeed = 0.25;
+  makeManager(options);
+  range();
+  emitReadings({-60});
+  toNextTick();
+  EXPECT_EQ(lastCall().beacons.at(0)->rssi(), -60);
+  emitReadings({-70, -80});  // -62.5, then -66.875
+  toNextTick();
+  EXPECT_EQ(lastCall().beacons.at(0)->rssi(), -67);
+  EXPECT_DOUBLE_EQ(lastCall().beacons.at(0)->accuracy(), RangingOptions::accuracyFor(-67, -59));
+}
+
+TEST_F(Ranging, InvalidReadingsAndOtherFramesAreIgnored) {
+  makeManager();
+  range();
+  // Another identity that only ever reports unusable readings never shows.
+  for (int rssi : {0, 127, 21, 126, -128, -1000}) {
+    radio_->emit(FakeRadio::beacon(kUuid, 1, 9, rssi));
+  }
+  // Frames that are not beacons.
+  radio::AdvertisingReport other = FakeRadio::beacon(kUuid, 1, 8, -40);
+  other.advertisement.manufacturerData->at(0) = 0x4D;
+  radio_->emit(other);
+  other.advertisement.manufacturerData->resize(24);
+  other.advertisement.manufacturerData->at(0) = 0x4C;
+  radio_->emit(other);
+  other.advertisement.manufacturerData.reset();
+  radio_->emit(other);
+
+  emitReadings({-60, -60, -60});
+  for (int i = 0; i < 28; ++i) {
+    emitReadings({0, 127});
+    radio_->advance(100ms);
+  }
+  // The unusable readings kept coming for 3 s but neither moved the average
+  // nor kept the beacon fresh.
+  radio_->advance(3001ms - radio_->now());
+  const auto& beacons = lastCall().beacons;
+  ASSERT_EQ(beacons.size(), 1u);
+  EXPECT_EQ(beacons[0]->minor(), Number(1));
+  EXPECT_EQ(beacons[0]->rssi(), 0);
+  EXPECT_EQ(beacons[0]->proximity(), CLProximity::Unknown);
+  ASSERT_GE(recorder_->calls.size(), 2u);
+  EXPECT_EQ(recorder_->calls[recorder_->calls.size() - 2].beacons.at(0)->rssi(), -60);
+}
+
+TEST_F(Ranging, ABeaconGoesStaleThenDropsOut) {
+  makeManager();
+  range();
+  radio_->advance(500ms);
+  emitReadings({-65});
+  radio_->advance(6s - radio_->now());
+  ASSERT_EQ(recorder_->calls.size(), 6u);
+  struct Tick {
+    std::size_t count;
+    int rssi;
+    CLProximity proximity;
+  };
+  const Tick expected[] = {
+      {1, -65, CLProximity::Near},  {1, -65, CLProximity::Near},  {1, 0, CLProximity::Unknown},
+      {1, 0, CLProximity::Unknown}, {1, 0, CLProximity::Unknown}, {0, 0, CLProximity::Unknown},
+  };
+  for (std::size_t i = 0; i < 6; ++i) {
+    const auto& beacons = recorder_->calls[i].beacons;
+    ASSERT_EQ(beacons.size(), expected[i].count) << "tick " << i + 1;
+    if (beacons.empty()) continue;
+    EXPECT_EQ(beacons[0]->rssi(), expected[i].rssi) << "tick " << i + 1;
+    EXPECT_EQ(beacons[0]->proximity(), expected[i].proximity) << "tick " << i + 1;
+    if (expected[i].rssi == 0) {
+      EXPECT_EQ(beacons[0]->accuracy(), -1.0);
+    }
+  }
+}
+
+TEST_F(Ranging, ResultsAreNearestFirstUnknownLastTiesByIdentity) {
+  makeManager();
+  auto region = range();
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 7, -80));  // goes stale
+  radio_->advance(2500ms);
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 5, -70));
+  radio_->emit(FakeRadio::beacon(kUuid, 2, 1, -60));
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 2, -60));
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 3, -50));
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 4, -40, 0));  // no measured power: unknown
+  toNextTick();
+  const auto& beacons = lastCall().beacons;
+  std::vector<std::pair<int, int>> order;
+  for (const auto& b : beacons) order.emplace_back(b->major().intValue(), b->minor().intValue());
+  const std::vector<std::pair<int, int>> expected = {{1, 3}, {1, 2}, {2, 1},
+                                                     {1, 5}, {1, 4}, {1, 7}};
+  EXPECT_EQ(order, expected);
+  // The uncalibrated beacon still shows what it was heard at.
+  EXPECT_EQ(beacons[4]->rssi(), -40);
+  EXPECT_EQ(beacons[4]->accuracy(), -1.0);
+}
+
+TEST_F(Ranging, AccuracyUsesTheBeaconsOwnMeasuredPower) {
+  makeManager();
+  range();
+  emitReadings({-70}, 1, -70);
+  emitReadings({-70}, 2, -59);
+  toNextTick();
+  const auto& beacons = lastCall().beacons;
+  ASSERT_EQ(beacons.size(), 2u);
+  EXPECT_NEAR(beacons[0]->accuracy(), 1.01076, 1e-4);
+  EXPECT_EQ(beacons[0]->proximity(), CLProximity::Near);
+  EXPECT_NEAR(beacons[1]->accuracy(), 3.4724, 1e-3);
+}
+
+TEST_F(Ranging, EachRegionSeesItsOwnBeaconsInStartOrder) {
+  makeManager();
+  auto any = range();
+  auto major1 = range(1);
+  auto exact = range(1, 2);
+  auto other = range({}, {}, kOther);
+  const std::tuple<Uuid, int, int> heard[] = {
+      {kUuid, 1, 2}, {kUuid, 1, 3}, {kUuid, 2, 2}, {kOther, 1, 2}};
+  for (const auto& [uuid, major, minor] : heard) {
+    radio_->emit(FakeRadio::beacon(uuid, static_cast<std::uint16_t>(major),
+                                   static_cast<std::uint16_t>(minor), -60));
+  }
+  toNextTick();
+  ASSERT_EQ(recorder_->calls.size(), 4u);
+  const std::shared_ptr<CLBeaconRegion> order[] = {any, major1, exact, other};
+  const std::size_t counts[] = {3, 2, 1, 1};
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(recorder_->calls[i].region, order[i]);
+    EXPECT_EQ(recorder_->calls[i].beacons.size(), counts[i]) << i;
+    EXPECT_EQ(recorder_->calls[i].manager, manager_.get());
+    for (const auto& b : recorder_->calls[i].beacons) {
+      EXPECT_TRUE(order[i]->matches(b->proximityUUID(), b->major().unsignedShortValue(),
+                                    b->minor().unsignedShortValue()));
+    }
+  }
+}
+
+TEST_F(Ranging, EmptyResultsComeEveryPeriod) {
+  RangingOptions options;
+  options.period = 250ms;
+  makeManager(options);
+  auto region = range();
+  radio_->advance(1s);
+  ASSERT_EQ(recorder_->calls.size(), 4u);
+  for (const auto& call : recorder_->calls) EXPECT_TRUE(call.beacons.empty());
+  // The delegate is held weakly: once gone it is simply not called.
+  recorder_.reset();
+  EXPECT_EQ(manager_->delegate(), nullptr);
+  radio_->advance(1s);
+}
+
+TEST_F(Ranging, StartIsNotDoubledAndUnknownStopsAreIgnored) {
+  makeManager();
+  auto region = range();
+  manager_->startRangingBeaconsInRegion(region);
+  manager_->startRangingBeaconsInRegion(nullptr);
+  manager_->stopRangingBeaconsInRegion(std::make_shared<CLBeaconRegion>(*region));
+  manager_->stopRangingBeaconsInRegion(nullptr);
+  EXPECT_EQ(manager_->rangedRegions(), std::vector{region});
+  radio_->advance(2s);
+  EXPECT_EQ(recorder_->calls.size(), 2u);
+  EXPECT_EQ(radio_->observers(), 1u);
+  EXPECT_EQ(radio_->pendingTimers(), 1u);
+}
+
+TEST_F(Ranging, StopWithholdsEvenAResultAlreadyQueued) {
+  makeManager();
+  auto region = range();
+  auto kept = range(1);
+  radio_->advance(1s, /*settle=*/false);  // the tick ran; its delivery waits on the main queue
+  manager_->stopRangingBeaconsInRegion(region);
+  dispatch::settle();
+  ASSERT_EQ(recorder_->calls.size(), 1u);
+  EXPECT_EQ(recorder_->calls[0].region, kept);
+
+  // Started again before the old result is delivered: the old one stays
+  // withheld, the new start reports from its own first tick.
+  radio_->advance(1s, /*settle=*/false);
+  manager_->stopRangingBeaconsInRegion(kept);
+  manager_->startRangingBeaconsInRegion(kept);
+  dispatch::settle();
+  EXPECT_EQ(recorder_->calls.size(), 1u);
+  radio_->advance(1s);
+  EXPECT_EQ(recorder_->calls.size(), 2u);
+
+  manager_->stopRangingBeaconsInRegion(kept);
+  EXPECT_EQ(radio_->observers(), 0u);
+  EXPECT_EQ(radio_->pendingTimers(), 0u);
+  radio_->advance(3s);
+  EXPECT_EQ(recorder_->calls.size(), 2u);
+}
+
+TEST_F(Ranging, ATickThatOutlivesItsStopNeitherReportsNorDoublesTicking) {
+  makeManager();
+  auto region = range();
+  radio_->setCancelTooLate(true);
+  manager_->stopRangingBeaconsInRegion(region);
+  manager_->startRangingBeaconsInRegion(region);
+  radio_->advance(3s);
+  EXPECT_EQ(recorder_->calls.size(), 3u);
+}
+
+TEST_F(Ranging, ADelegateMayStopAnotherRegionFromItsCallback) {
+  makeManager();
+  auto first = range();
+  auto second = range(1);
+  recorder_->onCall = [&](const RangingRecorder::Call&) {
+    manager_->stopRangingBeaconsInRegion(second);
+  };
+  radio_->advance(1s);
+  ASSERT_EQ(recorder_->calls.size(), 1u);
+  EXPECT_EQ(recorder_->calls[0].region, first);
+}
+
+TEST_F(Ranging, DestroyingTheManagerStopsEverything) {
+  makeManager();
+  range();
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -60));
+  radio_->advance(1s, /*settle=*/false);
+  manager_.reset();
+  EXPECT_EQ(radio_->observers(), 0u);
+  EXPECT_EQ(radio_->pendingTimers(), 0u);
+  dispatch::settle();
+  EXPECT_TRUE(recorder_->calls.empty());
+}
+
+TEST_F(Ranging, RecordsAreBoundedAndTheStalestGoesFirst) {
+  RangingOptions options;
+  options.maxBeaconsPerRegion = 8;
+  makeManager(options);
+  range();
+  for (std::uint16_t minor = 0; minor < 100; ++minor) {
+    radio_->emit(FakeRadio::beacon(kUuid, 1, minor, -60));
+    radio_->advance(1ms);
+  }
+  // The oldest of the survivors is heard again, so the next newcomer evicts
+  // the one after it.
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 92, -60));
+  radio_->advance(1ms);
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 500, -60));
+  toNextTick();
+  std::vector<int> minors;
+  for (const auto& b : lastCall().beacons) minors.push_back(b->minor().intValue());
+  EXPECT_EQ(minors, (std::vector<int>{92, 94, 95, 96, 97, 98, 99, 500}));
+}
+
+// Identities churn through a small table (lookups, evictions, slot reuse):
+// what is reported is always exactly the most recently heard identities.
+TEST_F(Ranging, RecordsStayExactUnderChurn) {
+  RangingOptions options;
+  options.maxBeaconsPerRegion = 64;
+  makeManager(options);
+  range();
+  std::mt19937 random(5);
+  std::list<std::pair<int, int>> recent;  // newest first
+  for (int round = 0; round < 4; ++round) {
+    for (int i = 0; i < 700; ++i) {
+      const std::pair<int, int> id(static_cast<int>(random() % 4),
+                                   static_cast<int>(random() % 150));
+      radio_->emit(FakeRadio::beacon(kUuid, static_cast<std::uint16_t>(id.first),
+                                     static_cast<std::uint16_t>(id.second), -60));
+      recent.remove(id);
+      recent.push_front(id);
+      if (recent.size() > 64) recent.pop_back();
+    }
+    toNextTick();
+    std::vector<std::pair<int, int>> seen;
+    for (const auto& b : lastCall().beacons)
+      seen.emplace_back(b->major().intValue(), b->minor().intValue());
+    std::vector<std::pair<int, int>> expected(recent.begin(), recent.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(seen, expected) << "round " << round;
+  }
+}
+
+TEST_F(Ranging, PowerOffEmptiesResultsUntilPowerReturns) {
+  makeManager();
+  range();
+  emitReadings({-90, -90, -90});
+  toNextTick();
+  ASSERT_EQ(lastCall().beacons.size(), 1u);
+
+  radio_->setAdapterState(CBManagerState::PoweredOff);
+  emitReadings({-90});
+  toNextTick();
+  EXPECT_TRUE(lastCall().beacons.empty());
+
+  radio_->setAdapterState(CBManagerState::PoweredOn);
+  emitReadings({-50});
+  toNextTick();
+  // Nothing heard before the outage counts after it.
+  ASSERT_EQ(lastCall().beacons.size(), 1u);
+  EXPECT_EQ(lastCall().beacons[0]->rssi(), -50);
+}
+
+TEST_F(Ranging, OnlyAnAuthorizedApplicationSeesBeacons) {
+  makeManager();
+  range();
+  const std::pair<int, bool> cases[] = {{0, false}, {1, false}, {2, false},
+                                        {3, true},  {4, true},  {5, false}};
+  for (const auto& [status, seen] : cases) {
+    radio_->setAuthorization(status);
+    EXPECT_EQ(static_cast<int>(CLLocationManager::authorizationStatus()), status);
+    emitReadings({-60});
+    toNextTick();
+    EXPECT_EQ(lastCall().beacons.size(), seen ? 1u : 0u) << "status " << status;
+  }
+}
+
+TEST_F(Ranging, AuthorizationRequestsAreOnlyRecorded) {
+  makeManager();
+  EXPECT_FALSE(manager_->requestedAuthorization());
+  manager_->requestWhenInUseAuthorization();
+  manager_->requestAlwaysAuthorization();
+  EXPECT_EQ(manager_->requestedAuthorization(), CLAuthorizationStatus::AuthorizedAlways);
+  EXPECT_TRUE(manager_->pausesLocationUpdatesAutomatically());
+  manager_->setPausesLocationUpdatesAutomatically(false);
+  EXPECT_FALSE(manager_->pausesLocationUpdatesAutomatically());
+  radio_->advance(2s);
+  EXPECT_TRUE(recorder_->calls.empty());
+  EXPECT_EQ(recorder_->failures, 0);
+}
+
+TEST_F(Ranging, OptionsAreTakenAtCreationAndKeptSane) {
+  RangingOptions options;
+  options.period = 0ms;
+  options.maxBeaconsPerRegion = 0;
+  CLLocationManager::setDefaultRangingOptions(options);
+  EXPECT_EQ(CLLocationManager::defaultRangingOptions().period, 1ms);
+  EXPECT_EQ(CLLocationManager::defaultRangingOptions().maxBeaconsPerRegion, 1u);
+
+  RangingOptions slow;
+  slow.period = 500ms;
+  makeManager(slow);
+  range();
+  CLLocationManager::setDefaultRangingOptions({});  // affects later managers only
+  radio_->advance(1s);
+  EXPECT_EQ(recorder_->calls.size(), 2u);
+}
+
+// The radio's thread feeds readings and runs ticks while the main thread
+// starts and stops a second region; every callback still arrives on the main
+// thread, and the stopped region reports nothing once stopped.
+TEST_F(Ranging, CallbacksArriveOnTheMainThreadWhateverThreadTheRadioUses) {
+  makeManager();
+  auto steady = range();
+  auto flapping = std::make_shared<CLBeaconRegion>(kUuid, U16(1), U16(), "flapping");
+  std::thread radioThread([&] {
+    for (int i = 0; i < 200; ++i) {
+      radio_->emit(FakeRadio::beacon(kUuid, 1, static_cast<std::uint16_t>(i % 5), -60 - i % 7));
+      radio_->advance(100ms, /*settle=*/false);
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    manager_->startRangingBeaconsInRegion(flapping);
+    manager_->stopRangingBeaconsInRegion(flapping);
+  }
+  radioThread.join();
+  dispatch::settle();
+  EXPECT_EQ(recorder_->callsFor(steady).size(), 20u);
+  EXPECT_TRUE(recorder_->callsFor(flapping).empty());
+  for (const auto& call : recorder_->calls) EXPECT_TRUE(call.onMainThread);
+}
+
+}  // namespace
+}  // namespace lumora
