@@ -111,11 +111,22 @@ std::shared_ptr<CBPeripheralManager> CBPeripheralManager::initWithDelegate(
   auto manager = std::make_shared<CBPeripheralManager>(std::move(queue));
   manager->impl_->delegate = std::move(delegate);
   // Events raised as soon as the session is open wait on the held line.
-  manager->impl_->radio = radio::Backend::current()->openPeripheral(manager->weak_from_this());
-  manager->post([](const std::shared_ptr<CBPeripheralManager>& self) {
-    self->deliverState(self->impl_->radio->state());
-  });
+  auto backend = radio::Backend::current();
+  manager->impl_->radio = backend->openPeripheral(manager->weak_from_this());
   manager->impl_->line->release();
+  // The first state report is started from the radio's own thread, not posted
+  // from here: on a concurrent queue a worker could otherwise act on it (an
+  // emulator starting itself on power-on) before the creator has even stored
+  // the manager and finished configuring. The radio's thread runs this only
+  // after the creating call has returned to its run loop (or, on the virtual
+  // clock, at the next advance or settle).
+  backend->scheduleAfter(radio::Nanos{0}, [weak = manager->weak_from_this()] {
+    auto self = weak.lock();
+    if (!self) return;
+    self->post([](const std::shared_ptr<CBPeripheralManager>& me) {
+      me->deliverState(me->impl_->radio->state());
+    });
+  });
   return manager;
 }
 

@@ -1,0 +1,188 @@
+// The tool's command line: exit codes, error lines, and the exact output of
+// the commands that need no radio.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "ToolRun.h"
+#include "support/TempDir.h"
+
+namespace lumora::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// A complete iBeacon frame, byte by byte:
+//   4C 00            company identifier 0x004C, little-endian
+//   02 15            beacon type, 21 bytes follow
+//   E2C56DB5-DFFB-48D2-B060-D0F5A71096E0   proximity UUID, text order
+//   00 01            major 1, big-endian
+//   00 02            minor 2, big-endian
+//   C5               measured power -59 dBm
+constexpr const char* kFrame = "4C000215E2C56DB5DFFB48D2B060D0F5A71096E000010002C5";
+
+struct BadInput {
+  std::vector<std::string> args;
+  std::string mentions;  // what the one-line error must name
+};
+
+class ToolBadInput : public ::testing::TestWithParam<BadInput> {};
+
+TEST_P(ToolBadInput, ExitsTwoWithOneLineNamingTheProblem) {
+  const auto& param = GetParam();
+  const auto r = runTool(param.args);
+  EXPECT_EQ(r.exit, 2) << r.err;
+  EXPECT_THAT(r.err, StartsWith("lumora: "));
+  EXPECT_THAT(r.err, HasSubstr(param.mentions));
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_EQ(r.out, "");
+}
+
+TempDir& scratch() {
+  static TempDir dir;
+  return dir;
+}
+
+std::string writeFile(const std::string& name, const std::string& content) {
+  auto path = scratch().file(name);
+  std::ofstream(path) << content;
+  return path.string();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ToolBadInput,
+    ::testing::ValuesIn(std::vector<BadInput>{
+        {{"decode", "ABC"}, "odd number of hex digits"},
+        {{"decode", kFrame, "4G"}, "invalid character 'G'"},
+        {{"decode", "4C 0 002"}, "splits a byte"},
+        {{"hex", "0"}, "odd number of hex digits"},
+        {{"hex", "--spaces", "--lower", "00"}, "--lower"},
+        {{"distance", "--power", "200", "--rssi", "-60"}, "--power"},
+        {{"distance", "--power", "-59", "--rssi", "abc"}, "--rssi"},
+        {{"distance", "--rssi", "-60"}, "--power"},
+        {{"emulate", "--major", "70000", "--minor", "1"}, "70000"},
+        {{"emulate", "--major", "1", "--minor", "-1"}, "--minor"},
+        {{"emulate", "--major", "1", "--minor", "2", "--power", "200"}, "--power"},
+        {{"emulate", "--major", "1", "--minor", "2", "--reply", "0x01"}, "--reply"},
+        {{"emulate", "--uuid", "E2C56DB5-DFFB-48D2-B060", "--major", "1", "--minor", "2"},
+         "malformed UUID"},
+        {{"range", "--uuid", "not-a-uuid"}, "malformed UUID"},
+        {{"range", "--major", "1"}, "--uuid"},
+        {{"connect", "LumoraDemo", "--send", "123"}, "--send"},
+        {{"scan", "--frobnicate"}, "--frobnicate"},
+        {{"frobnicate"}, "frobnicate"},
+        {{}, "no command"},
+        {{"--backend", "wifi", "scan", "--seconds", "0"}, "unknown radio 'wifi'"},
+        {{"--backend", "bluez", "--scenario", "x.json", "scan"}, "--scenario"},
+        {{"--scenario", "/nonexistent/lumora.json", "scan", "--seconds", "0"}, "scenario"},
+        {{"--scenario", writeFile("broken.json", "{ not json"), "scan", "--seconds", "0"},
+         "scenario"},
+    }));
+
+TEST(ToolCommandLine, DecodePrintsEachFrameExactly) {
+  const auto r = runTool({"decode", kFrame, "4C000215", "4C00021500",
+                          "4C000216E2C56DB5DFFB48D2B060D0F5A71096E000010002C5",
+                          "4C000215E2C56DB5DFFB48D2B060D0F5A71096E012340002"
+                          "80"});
+  EXPECT_EQ(r.exit, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.out,
+            "4c000215e2c56db5dffb48d2b060d0f5a71096e000010002c5: iBeacon  "
+            "uuid E2C56DB5-DFFB-48D2-B060-D0F5A71096E0  major 1  minor 2  power -59\n"
+            "4c000215: not an iBeacon\n"
+            "4c00021500: iBeacon header, but 5 bytes are too few to decode (25 needed)\n"
+            "4c000216e2c56db5dffb48d2b060d0f5a71096e000010002c5: not an iBeacon\n"
+            "4c000215e2c56db5dffb48d2b060d0f5a71096e01234000280: iBeacon  "
+            "uuid E2C56DB5-DFFB-48D2-B060-D0F5A71096E0  major 4660  minor 2  power -128\n");
+}
+
+TEST(ToolCommandLine, DecodeJsonCarriesTheFields) {
+  const auto r = runTool({"--json", "decode", kFrame, "0102"});
+  ASSERT_EQ(r.exit, 0) << r.err;
+  const auto records = r.jsonLines();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0]["event"], "decode");
+  EXPECT_EQ(records[0]["ibeacon"], true);
+  EXPECT_EQ(records[0]["uuid"], "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+  EXPECT_EQ(records[0]["major"], 1);
+  EXPECT_EQ(records[0]["minor"], 2);
+  EXPECT_EQ(records[0]["power"], -59);
+  EXPECT_EQ(records[1]["data"], "0102");
+  EXPECT_EQ(records[1]["ibeacon"], false);
+  EXPECT_FALSE(records[1].contains("uuid"));
+}
+
+TEST(ToolCommandLine, DistanceFollowsTheCurve) {
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"-59", "1.011 m\n"},   // ratio 1: the upper branch, 1.01076
+      {"-70", "3.472 m\n"},   //
+      {"-50", "0.191 m\n"},   // ratio < 1: ratio^10
+      {"-90", "23.444 m\n"},  //
+      {"0", "unknown\n"},     // no reading
+  };
+  for (const auto& [rssi, expected] : cases) {
+    const auto r = runTool({"distance", "--power", "-59", "--rssi", rssi});
+    EXPECT_EQ(r.exit, 0) << rssi << ": " << r.err;
+    EXPECT_EQ(r.out, expected) << rssi;
+  }
+  const auto r = runTool({"--json", "distance", "--power", "-59", "--rssi", "0"});
+  ASSERT_EQ(r.exit, 0) << r.err;
+  const auto records = r.jsonLines();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_TRUE(records[0]["distance"].is_null());
+  EXPECT_EQ(records[0]["power"], -59);
+}
+
+TEST(ToolCommandLine, HexPrintsTheFindersText) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string expected;
+  };
+  const std::vector<Case> cases{
+      {{"hex", "01abff"}, "01ABFF\n"},
+      {{"hex", "--spaces", "01abff"}, "01ABFF\n"},
+      {{"hex", "--lower", "01ABFF"}, "01abff\n"},
+      {{"hex", "--spaces", "00112233"}, "00112233 \n"},
+      {{"hex", "4c", "00:02", "15"}, "4C000215\n"},
+      {{"hex", "--spaces", "000102030405060708090A0B0C0D0E0F10"},
+       "00010203 04050607 08090A0B 0C0D0E0F\n10\n"},
+      {{"hex", "--spaces", "000102030405060708090A0B0C0D0E0F"},
+       "00010203 04050607 08090A0B 0C0D0E0F\n"},
+  };
+  for (const auto& c : cases) {
+    const auto r = runTool(c.args);
+    EXPECT_EQ(r.exit, 0) << r.err;
+    EXPECT_EQ(r.out, c.expected) << c.args.back();
+  }
+  const auto r = runTool({"--json", "hex", "--spaces", "00112233"});
+  ASSERT_EQ(r.exit, 0);
+  ASSERT_EQ(r.jsonLines().size(), 1u);
+  EXPECT_EQ(r.jsonLines()[0]["hex"], "00112233 ");
+}
+
+TEST(ToolCommandLine, VersionAndHelp) {
+  auto r = runTool({"--version"});
+  EXPECT_EQ(r.exit, 0);
+  EXPECT_EQ(r.out, "lumora 1.0 (Lumora-1)\n");
+
+  r = runTool({"--json", "--version"});
+  ASSERT_EQ(r.exit, 0);
+  ASSERT_EQ(r.jsonLines().size(), 1u);
+  EXPECT_EQ(r.jsonLines()[0]["project"], "Lumora-1");
+  EXPECT_EQ(r.jsonLines()[0]["version"], 1.0);
+
+  r = runTool({"--help"});
+  EXPECT_EQ(r.exit, 0);
+  for (const char* command :
+       {"decode", "distance", "hex", "range", "scan", "connect", "emulate", "demo"}) {
+    EXPECT_THAT(r.out, HasSubstr(command));
+  }
+  r = runTool({"connect", "--help"});
+  EXPECT_EQ(r.exit, 0);
+  EXPECT_THAT(r.out, HasSubstr("--quiet-disconnect"));
+}
+
+}  // namespace
+}  // namespace lumora::test
