@@ -24,6 +24,26 @@
 //
 // Link timing: every over-the-air step (connection, discovery, read, write,
 // answer) takes `linkLatency` of virtual time (default 5 ms).
+//
+// Advertising: each advertiser sends once per interval plus a random 0-10 ms
+// advDelay, from a random phase after it starts; loss, delay and RSSI noise
+// come from one generator seeded with AirOptions::seed. Reports reach
+// scanning central sessions and observeAdvertisements() sinks only while the
+// adapter is powered on.
+//
+// Power: leaving PoweredOn drops every link (radioDisconnected with a
+// CBErrorDomain error; pending attempts get radioConnectFailed), ends every
+// scan and stops the local peripheral managers' advertising (their services
+// stay); the application starts them again. Every session hears
+// radioStateChanged for each change (not on opening: the managers report
+// their first state themselves).
+//
+// Local peripheral managers: addService registers after one link latency
+// (handles are assigned then); requests from a central session or a
+// VirtualCentral reach the manager as radioReadRequest/radioWriteRequests and
+// are answered by respond(); a write without response is delivered and needs
+// no answer. A read answered with a null value gives the central a
+// zero-length value; an error result reaches it in CBATTErrorDomain.
 #pragma once
 
 #include <chrono>
@@ -31,6 +51,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -64,41 +85,44 @@ struct Position {
 /// between are interpolated; after the last waypoint it stays.
 struct Waypoint {
   Nanos at{0};
-  Position position;
+  Position position{};
 };
 
 /// A characteristic of a virtual device's GATT database.
 struct CharacteristicSpec {
-  CBUUID uuid;
+  CBUUID uuid{};
   std::uint8_t properties = CBCharacteristicPropertyRead | CBCharacteristicPropertyWrite;
-  Bytes value;  // served by default reads; replaced by default writes
+  Bytes value{};  // served by default reads; replaced by default writes
   /// Answers a read (offset as asked); default: `value` from offset.
-  std::function<std::pair<CBATTError, Bytes>(std::uint16_t offset)> onRead;
+  std::function<std::pair<CBATTError, Bytes>(std::uint16_t offset)> onRead{};
   /// Answers a write; default: stores the bytes as `value`, Success.
-  std::function<CBATTError(const Bytes& written)> onWrite;
+  std::function<CBATTError(const Bytes& written)> onWrite{};
+  /// A successful write is sent back to the writing central as a value update
+  /// of this characteristic, right after the write's answer (an echo device).
+  bool echoWrites = false;
 };
 
 struct ServiceSpec {
-  CBUUID uuid;
+  CBUUID uuid{};
   bool primary = true;
-  std::vector<CharacteristicSpec> characteristics;
+  std::vector<CharacteristicSpec> characteristics{};
 };
 
 struct DeviceConfig {
-  std::string address;  // empty: one is assigned ("5A:00:00:00:00:01", ...)
-  std::optional<std::string> localName;
-  Data manufacturerData;
-  std::vector<CBUUID> serviceUUIDs;
+  std::string address{};  // empty: one is assigned ("5A:00:00:00:00:01", ...)
+  std::optional<std::string> localName{};
+  Data manufacturerData{};
+  std::vector<CBUUID> serviceUUIDs{};
   Nanos advertisingInterval = std::chrono::milliseconds(100);
   int txPowerAt1m = -59;  // RSSI heard at one metre, dBm
   double pathLossExponent = 2.0;
-  double distance = 1.0;        // metres from the local adapter (when no path)
-  std::vector<Waypoint> path;   // overrides distance when not empty (receiver at 0,0)
-  double rssiNoiseSigma = 2.0;  // dB
-  double packetLoss = 0.0;      // probability an advertisement is not heard
+  double distance = 1.0;         // metres from the local adapter (when no path)
+  std::vector<Waypoint> path{};  // overrides distance when not empty (receiver at 0,0)
+  double rssiNoiseSigma = 2.0;   // dB
+  double packetLoss = 0.0;       // probability an advertisement is not heard
   bool advertising = true;
   bool connectable = false;
-  std::vector<ServiceSpec> services;
+  std::vector<ServiceSpec> services{};
 };
 
 /// How a virtual device answers connection requests.
@@ -117,8 +141,13 @@ class VirtualDevice {
   virtual void setDistance(double metres) = 0;
   virtual void setPath(std::vector<Waypoint> path) = 0;
   virtual void setPacketLoss(double probability) = 0;
+  /// A device that stops being connectable drops its links (the centrals see
+  /// a disconnection with an error) and leaves connection attempts pending
+  /// until it is connectable again.
+  virtual void setConnectable(bool connectable) = 0;
 
-  /// Faults. A slow connection answers after `delay`.
+  /// Faults. A slow connection answers after `delay` (plus the link
+  /// latency). Attempts still pending (Ignore) are answered anew.
   virtual void setConnectBehaviour(ConnectBehaviour behaviour, Nanos delay = Nanos{0}) = 0;
   /// Drops every link to this device now (the central sees a disconnection
   /// with an error).
@@ -178,11 +207,14 @@ class Air : public radio::Backend {
  public:
   static std::shared_ptr<Air> create(AirOptions options = {});
 
-  /// Virtual clock only: runs everything due in (now, now + duration],
-  /// settling the dispatch queues after each event. Main thread only.
+  /// Virtual clock only (std::logic_error otherwise): settles the dispatch
+  /// queues, then runs everything due in (now, now + duration] in (time,
+  /// order queued) order, settling the queues after each event; time ends at
+  /// now + duration. Main thread only; called from inside an air event
+  /// (a receiver, a device handler, a completion) it does nothing.
   virtual void advance(Nanos duration) = 0;
-  /// Runs what is due now and settles the queues (virtual clock: without
-  /// moving time). Main thread only.
+  /// Runs what is due now and settles the queues, again until both are quiet
+  /// (virtual clock: without moving time). Main thread only.
   virtual void settle() = 0;
   virtual ClockMode clockMode() const = 0;
 
@@ -195,12 +227,23 @@ class Air : public radio::Backend {
   virtual std::shared_ptr<VirtualDevice> device(const std::string& address) const = 0;
   virtual std::vector<std::string> deviceAddresses() const = 0;
 
+  /// Where the local peripheral managers' advertisements are heard from
+  /// (metres from the local adapter; default 1). They advertise at 100 ms
+  /// with txPowerAt1m -59 and 2 dB of noise, like a default device.
+  virtual void setLocalPeripheralDistance(double metres) = 0;
+
   /// The next service registration of a local peripheral manager fails with `error`.
   virtual void failNextServiceRegistration(Error error) = 0;
   /// A remote central (for driving local peripheral managers).
   virtual std::shared_ptr<VirtualCentral> addCentral(std::string address = {}) = 0;
 
-  /// Trace: kept in memory (at most `limit` newest events) and/or handed to a sink.
+  /// Trace: kept in memory (at most `limit` newest events, 10,000 unless
+  /// set; 0 keeps none) and/or handed to a sink. The sink runs on the thread
+  /// where the step happened (the air's thread, or the caller of a
+  /// VirtualCentral operation), with no lock of the air held; it must only
+  /// record. Kinds: "adv", "power", "connect", "disconnect", "services",
+  /// "characteristics", "read", "write", "answer", "notify", "register",
+  /// "advertise".
   virtual void setTraceLimit(std::size_t limit) = 0;
   virtual std::vector<TraceEvent> trace() const = 0;
   virtual void setTraceSink(std::function<void(const TraceEvent&)> sink) = 0;
@@ -212,8 +255,10 @@ class ScenarioError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-/// Builds an air from scenario JSON text; throws ScenarioError naming the
-/// problem (with the JSON path of the bad field).
+/// Builds an air from scenario JSON text (format: docs/scenarios.md); throws
+/// ScenarioError naming the problem (with the JSON path of the bad field).
+/// `options` gives the clock and the defaults of what the scenario leaves
+/// out; the scenario's seed, adapter, authorization and latency win.
 std::shared_ptr<Air> loadScenario(const std::string& json, AirOptions options = {});
 std::shared_ptr<Air> loadScenarioFile(const std::string& path, AirOptions options = {});
 /// The built-in scenario of the tool's demo.

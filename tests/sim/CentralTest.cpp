@@ -1,0 +1,444 @@
+// Central sessions against virtual devices: links, discovery, reads, writes,
+// notifications and the faults a device can be told to show.
+#include <gtest/gtest.h>
+
+#include "Recorders.h"
+
+namespace lumora::sim::test {
+namespace {
+
+const std::string kDevice = "C0:00:00:00:00:01";
+const CBUUID kData = CBUUID::UUIDWithString("FF0C");
+const CBUUID kReply = CBUUID::UUIDWithString("FFCC");
+const CBUUID kBattery = CBUUID::UUIDWithString("180F");
+const CBUUID kLevel = CBUUID::UUIDWithString("2A19");
+const CBUUID kCustom = CBUUID::UUIDWithString("CC00FFC0-0451-4000-B000-000000000000");
+
+DeviceConfig gattDevice() {
+  DeviceConfig c;
+  c.address = kDevice;
+  c.localName = "Gatt";
+  c.connectable = true;
+  ServiceSpec battery{kBattery, true, {}};
+  CharacteristicSpec level;
+  level.uuid = kLevel;
+  level.properties = CBCharacteristicPropertyRead | CBCharacteristicPropertyNotify;
+  level.value = {0x64};
+  battery.characteristics.push_back(level);
+  ServiceSpec custom{kCustom, true, {}};
+  CharacteristicSpec data;
+  data.uuid = kData;
+  data.properties = CBCharacteristicPropertyWrite | CBCharacteristicPropertyWriteWithoutResponse;
+  CharacteristicSpec reply;
+  reply.uuid = kReply;
+  reply.properties = CBCharacteristicPropertyRead;
+  reply.value = ascii("hi");
+  custom.characteristics = {data, reply};
+  c.services = {battery, custom};
+  return c;
+}
+
+class AirCentral : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    air = Air::create({.seed = 1});
+    device = air->addDevice(gattDevice());
+    recorder = std::make_shared<CentralRecorder>();
+    session = air->openCentral(recorder);
+  }
+
+  void connect() {
+    session->connect(kDevice);
+    air->advance(10ms);
+    ASSERT_EQ(recorder->log(), std::vector<std::string>{"connected " + kDevice});
+    recorder->clear();
+  }
+
+  // Discovers everything and returns the value handle of `uuid`.
+  radio::AttHandle handleOf(const CBUUID& uuid) {
+    session->discoverServices(kDevice, std::nullopt);
+    air->advance(10ms);
+    for (const auto& s : recorder->services()) {
+      session->discoverCharacteristics(kDevice, s.handle, std::nullopt);
+      air->advance(10ms);
+      for (const auto& c : recorder->characteristics()) {
+        if (c.uuid == uuid) {
+          recorder->clear();
+          return c.handle;
+        }
+      }
+    }
+    ADD_FAILURE() << "no characteristic " << uuid.UUIDString();
+    return 0;
+  }
+
+  std::shared_ptr<Air> air;
+  std::shared_ptr<VirtualDevice> device;
+  std::shared_ptr<CentralRecorder> recorder;
+  std::shared_ptr<radio::CentralRadio> session;
+};
+
+struct BehaviourCase {
+  ConnectBehaviour behaviour;
+  std::vector<std::string> expected;
+};
+
+class AirConnectBehaviour : public AirCentral,
+                            public ::testing::WithParamInterface<BehaviourCase> {};
+
+TEST_P(AirConnectBehaviour, DeviceAnswersAsToldAfterTheLinkLatency) {
+  device->setConnectBehaviour(GetParam().behaviour);
+  session->connect(kDevice);
+  air->advance(4ms);
+  EXPECT_TRUE(recorder->log().empty());  // nothing before one link latency
+  air->advance(10s);
+  EXPECT_EQ(recorder->log(), GetParam().expected);
+  EXPECT_EQ(device->isConnected(), GetParam().behaviour == ConnectBehaviour::Accept);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, AirConnectBehaviour,
+                         ::testing::Values(BehaviourCase{ConnectBehaviour::Accept,
+                                                         {"connected " + kDevice}},
+                                           BehaviourCase{ConnectBehaviour::Refuse,
+                                                         {"connect failed " + kDevice + " cb 10"}},
+                                           BehaviourCase{ConnectBehaviour::Ignore, {}}));
+
+TEST_F(AirCentral, SlowDeviceAnswersAfterItsDelay) {
+  device->setConnectBehaviour(ConnectBehaviour::Accept, 200ms);
+  session->connect(kDevice);
+  air->advance(200ms);
+  EXPECT_TRUE(recorder->log().empty());
+  air->advance(5ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"connected " + kDevice});
+}
+
+TEST_F(AirCentral, ConnectingTwiceOrToTheUnconnectableGivesNothingMore) {
+  session->connect(kDevice);
+  session->connect(kDevice);
+  air->advance(1s);
+  session->connect(kDevice);
+  air->advance(1s);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"connected " + kDevice});
+
+  DeviceConfig beacon;
+  beacon.address = "C0:00:00:00:00:02";
+  air->addDevice(beacon);
+  session->connect("C0:00:00:00:00:02");
+  session->connect("AA:BB:CC:DD:EE:FF");  // never heard of
+  air->advance(5s);
+  EXPECT_EQ(recorder->log().size(), 1u);
+}
+
+TEST_F(AirCentral, PendingAttemptIsAnsweredOnceTheDeviceAnswers) {
+  device->setConnectBehaviour(ConnectBehaviour::Ignore);
+  session->connect(kDevice);
+  air->advance(1s);
+  EXPECT_TRUE(recorder->log().empty());
+  device->setConnectBehaviour(ConnectBehaviour::Refuse);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"connect failed " + kDevice + " cb 10"});
+
+  recorder->clear();
+  device->setConnectable(false);
+  device->setConnectBehaviour(ConnectBehaviour::Accept);
+  session->connect(kDevice);
+  air->advance(1s);
+  EXPECT_TRUE(recorder->log().empty());
+  device->setConnectable(true);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"connected " + kDevice});
+}
+
+TEST_F(AirCentral, CancelEndsALinkOrAnAttemptWithoutError) {
+  connect();
+  session->cancelConnection(kDevice);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " ok"});
+  EXPECT_FALSE(device->isConnected());
+
+  recorder->clear();
+  device->setConnectBehaviour(ConnectBehaviour::Ignore);
+  session->connect(kDevice);
+  air->advance(1s);
+  session->cancelConnection(kDevice);
+  session->cancelConnection(kDevice);  // nothing left to cancel
+  air->advance(1s);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " ok"});
+
+  // A cancelled slow attempt never completes.
+  recorder->clear();
+  device->setConnectBehaviour(ConnectBehaviour::Accept, 100ms);
+  session->connect(kDevice);
+  session->cancelConnection(kDevice);
+  air->advance(1s);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " ok"});
+}
+
+TEST_F(AirCentral, DiscoveryGivesStableHandlesAndHonoursFilters) {
+  connect();
+  session->discoverServices(kDevice, std::nullopt);
+  air->advance(10ms);
+  const auto services = recorder->services();
+  ASSERT_EQ(services.size(), 2u);
+  EXPECT_EQ(services[0].uuid, kBattery);
+  EXPECT_EQ(services[1].uuid, kCustom);
+  EXPECT_LT(services[0].handle, services[1].handle);
+
+  session->discoverCharacteristics(kDevice, services[1].handle, std::nullopt);
+  air->advance(10ms);
+  const auto all = recorder->characteristics();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].uuid, kData);
+  EXPECT_EQ(all[1].uuid, kReply);
+  EXPECT_EQ(all[1].properties, CBCharacteristicPropertyRead);
+  EXPECT_GT(all[0].handle, services[1].handle);
+
+  session->discoverCharacteristics(kDevice, services[1].handle, std::vector<CBUUID>{kReply});
+  air->advance(10ms);
+  ASSERT_EQ(recorder->characteristics().size(), 1u);
+  EXPECT_EQ(recorder->characteristics()[0].handle, all[1].handle);
+
+  session->discoverServices(kDevice, std::vector<CBUUID>{kCustom});
+  air->advance(10ms);
+  ASSERT_EQ(recorder->services().size(), 1u);
+  EXPECT_EQ(recorder->services()[0].handle, services[1].handle);
+
+  recorder->clear();
+  session->discoverCharacteristics(kDevice, 0x7777, std::nullopt);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(),
+            std::vector<std::string>{"characteristics " + kDevice + " 30583 0 cb 2"});
+}
+
+TEST_F(AirCentral, RequestsWithoutALinkFailWithNotConnected) {
+  session->discoverServices(kDevice, std::nullopt);
+  session->read(kDevice, 3);
+  session->write(kDevice, 3, {1}, true);
+  session->write(kDevice, 3, {1}, false);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), (std::vector<std::string>{"services " + kDevice + " 0 cb 3",
+                                                       "value " + kDevice + " 3 null cb 3",
+                                                       "written " + kDevice + " 3 cb 3"}));
+}
+
+class AirDropOn : public AirCentral, public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(AirDropOn, LinkDropsWhenThatRequestArrivesAndOnlyOnce) {
+  connect();
+  const radio::AttHandle reply = handleOf(kReply);
+  const radio::AttHandle data = handleOf(kData);
+  auto ask = [&] {
+    const std::string& kind = GetParam();
+    if (kind == "services") session->discoverServices(kDevice, std::nullopt);
+    if (kind == "characteristics") session->discoverCharacteristics(kDevice, 1, std::nullopt);
+    if (kind == "read") session->read(kDevice, reply);
+    if (kind == "write") session->write(kDevice, data, {1}, true);
+  };
+  device->dropLinkOn(GetParam());
+  ask();
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " cb 6"});
+  EXPECT_FALSE(device->isConnected());
+
+  recorder->clear();
+  connect();
+  ask();
+  air->advance(10ms);
+  ASSERT_EQ(recorder->log().size(), 1u);
+  EXPECT_EQ(recorder->log()[0].find("disconnected"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, AirDropOn,
+                         ::testing::Values("services", "characteristics", "read", "write"));
+
+TEST_F(AirCentral, DropLinkOnRejectsAnUnknownKind) {
+  EXPECT_THROW(device->dropLinkOn("notify"), std::invalid_argument);
+}
+
+TEST_F(AirCentral, ReadsAndWritesGoThroughTheDatabase) {
+  connect();
+  const radio::AttHandle data = handleOf(kData);
+  const radio::AttHandle reply = handleOf(kReply);
+  const radio::AttHandle level = handleOf(kLevel);
+
+  session->read(kDevice, reply);
+  session->write(kDevice, data, {0x01, 0x02}, true);
+  session->write(kDevice, data, {0x03}, false);  // no answer
+  session->read(kDevice, data);                  // not readable
+  session->write(kDevice, reply, {0x09}, true);  // not writable
+  session->read(kDevice, 0x0999);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), (std::vector<std::string>{
+                                 "value " + kDevice + " " + std::to_string(reply) + " <6869> ok",
+                                 "written " + kDevice + " " + std::to_string(data) + " ok",
+                                 "value " + kDevice + " " + std::to_string(data) + " null att 2",
+                                 "written " + kDevice + " " + std::to_string(reply) + " att 3",
+                                 "value " + kDevice + " 2457 null att 1"}));
+  EXPECT_EQ(device->writesTo(kData), (std::vector<Bytes>{{0x01, 0x02}, {0x03}}));
+
+  recorder->clear();
+  device->failReads(CBATTError::InsufficientAuthentication);
+  device->failWrites(CBATTError::WriteNotPermitted);
+  session->read(kDevice, level);
+  session->write(kDevice, data, {0x04}, true);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), (std::vector<std::string>{
+                                 "value " + kDevice + " " + std::to_string(level) + " null att 5",
+                                 "written " + kDevice + " " + std::to_string(data) + " att 3"}));
+  EXPECT_EQ(device->writesTo(kData).size(), 2u);  // the refused write is not kept
+
+  recorder->clear();
+  device->failReads(std::nullopt);
+  device->failWrites(std::nullopt);
+  session->read(kDevice, level);
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"value " + kDevice + " " +
+                                                      std::to_string(level) + " <64> ok"});
+}
+
+TEST(AirCentralHandlers, HandlersAnswerAndEchoWritesComeBack) {
+  auto air = Air::create({});
+  DeviceConfig c = gattDevice();
+  std::vector<std::uint16_t> offsets;
+  auto& custom = c.services[1].characteristics;
+  custom[1].onRead = [&](std::uint16_t offset) {
+    offsets.push_back(offset);
+    return std::pair{CBATTError::Success, ascii("handled")};
+  };
+  custom[0].properties |= CBCharacteristicPropertyRead | CBCharacteristicPropertyNotify;
+  custom[0].echoWrites = true;
+  std::vector<Bytes> seen;
+  custom[0].onWrite = [&](const Bytes& v) {
+    seen.push_back(v);
+    return v.empty() ? CBATTError::InvalidAttributeValueLength : CBATTError::Success;
+  };
+  auto device = air->addDevice(c);
+  auto recorder = std::make_shared<CentralRecorder>();
+  auto session = air->openCentral(recorder);
+  session->connect(kDevice);
+  air->advance(10ms);
+  session->discoverServices(kDevice, std::nullopt);
+  air->advance(10ms);
+  session->discoverCharacteristics(kDevice, recorder->services()[1].handle, std::nullopt);
+  air->advance(10ms);
+  const radio::AttHandle data = recorder->characteristics()[0].handle;
+  const radio::AttHandle reply = recorder->characteristics()[1].handle;
+  recorder->clear();
+
+  session->read(kDevice, reply);
+  session->write(kDevice, data, ascii("ping"), true);
+  session->write(kDevice, data, {}, true);
+  air->advance(10ms);
+  const std::string d = std::to_string(data);
+  EXPECT_EQ(
+      recorder->log(),
+      (std::vector<std::string>{
+          "value " + kDevice + " " + std::to_string(reply) + " <68616e64 6c6564> ok",
+          "written " + kDevice + " " + d + " ok", "value " + kDevice + " " + d + " <70696e67> ok",
+          "written " + kDevice + " " + d + " att 13"}));
+  EXPECT_EQ(offsets, std::vector<std::uint16_t>{0});
+  EXPECT_EQ(seen, (std::vector<Bytes>{ascii("ping"), {}}));
+  EXPECT_EQ(device->writesTo(kData), std::vector<Bytes>{ascii("ping")});
+}
+
+TEST_F(AirCentral, PushedUpdatesReachEveryLinkedSession) {
+  auto other = std::make_shared<CentralRecorder>();
+  auto otherSession = air->openCentral(other);
+  auto idle = std::make_shared<CentralRecorder>();
+  auto idleSession = air->openCentral(idle);
+  connect();
+  otherSession->connect(kDevice);
+  air->advance(10ms);
+  const radio::AttHandle level = handleOf(kLevel);
+
+  device->pushValueUpdate(kLevel, Bytes{0x50}, std::nullopt);
+  device->pushValueUpdate(kLevel, std::nullopt, Error{CBATTErrorDomain, 0x0E, "unlikely"});
+  device->pushValueUpdate(kLevel, std::nullopt, std::nullopt);
+  device->pushValueUpdate(CBUUID::UUIDWithString("2A00"), Bytes{1}, std::nullopt);  // not there
+  air->advance(10ms);
+  const std::string h = std::to_string(level);
+  const std::vector<std::string> expected{"value " + kDevice + " " + h + " <50> ok",
+                                          "value " + kDevice + " " + h + " null att 14",
+                                          "value " + kDevice + " " + h + " null ok"};
+  EXPECT_EQ(recorder->log(), expected);
+  auto otherLog = other->log();
+  ASSERT_EQ(otherLog.size(), 4u);
+  EXPECT_EQ(std::vector<std::string>(otherLog.begin() + 1, otherLog.end()), expected);
+  EXPECT_TRUE(idle->log().empty());
+}
+
+TEST_F(AirCentral, DroppedRemovedOrUnconnectablePeersEndLinksWithAnError) {
+  connect();
+  device->dropLink();
+  air->advance(1ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " cb 6"});
+
+  recorder->clear();
+  connect();
+  device->setConnectable(false);
+  air->advance(1ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " cb 7"});
+  session->connect(kDevice);  // pends while the device takes no connections
+  air->advance(1s);
+  EXPECT_EQ(recorder->log().size(), 1u);
+  device->setConnectable(true);
+  session->cancelConnection(kDevice);
+  air->advance(10ms);
+
+  recorder->clear();
+  connect();
+  air->removeDevice(kDevice);
+  air->advance(1ms);
+  EXPECT_EQ(recorder->log(), std::vector<std::string>{"disconnected " + kDevice + " cb 7"});
+  EXPECT_EQ(air->device(kDevice), nullptr);
+}
+
+TEST_F(AirCentral, PowerOffDropsLinksAndFailsAttempts) {
+  auto pending = std::make_shared<CentralRecorder>();
+  auto pendingSession = air->openCentral(pending);
+  connect();
+  const radio::AttHandle reply = handleOf(kReply);
+  device->setConnectBehaviour(ConnectBehaviour::Ignore);
+  pendingSession->connect(kDevice);
+  session->read(kDevice, reply);  // in flight when the power goes
+  air->advance(1ms);
+
+  air->setAdapterState(CBManagerState::PoweredOff);
+  air->advance(1s);
+  EXPECT_EQ(recorder->log(),
+            (std::vector<std::string>{"state 4", "disconnected " + kDevice + " cb 0"}));
+  EXPECT_EQ(pending->log(),
+            (std::vector<std::string>{"state 4", "connect failed " + kDevice + " cb 0"}));
+  EXPECT_FALSE(device->isConnected());
+
+  session->connect(kDevice);  // refused while off
+  air->setAdapterState(CBManagerState::PoweredOn);
+  air->advance(1s);
+  EXPECT_EQ(recorder->log().back(), "state 5");
+}
+
+TEST_F(AirCentral, AClosedSessionHearsNothingMore) {
+  connect();
+  const radio::AttHandle reply = handleOf(kReply);
+  session->read(kDevice, reply);
+  session->startScan({});
+  session->close();
+  air->advance(1s);
+  EXPECT_TRUE(recorder->log().empty());
+  EXPECT_TRUE(recorder->reports().empty());
+  EXPECT_FALSE(device->isConnected());
+  air->setAdapterState(CBManagerState::PoweredOff);
+  air->advance(1s);
+  EXPECT_TRUE(recorder->log().empty());
+}
+
+TEST_F(AirCentral, ReceiverThatIsGoneIsSkipped) {
+  connect();
+  recorder.reset();
+  device->dropLink();
+  air->advance(1s);  // nothing to call, nothing breaks
+  EXPECT_FALSE(device->isConnected());
+}
+
+}  // namespace
+}  // namespace lumora::sim::test
