@@ -182,13 +182,28 @@ class FakeBackend : public radio::Backend {
   }
   int locationAuthorizationStatus() const override { return 3; }
   radio::Nanos now() const override { return radio::Nanos{0}; }
-  radio::TimerId scheduleAfter(radio::Nanos, std::function<void()>) override { return 0; }
+  // Timers run only when the test calls runTimers(), as the radio's thread
+  // would run them after the creating call returned.
+  radio::TimerId scheduleAfter(radio::Nanos, std::function<void()> fn) override {
+    std::lock_guard lock(mutex_);
+    timers_.push_back(std::move(fn));
+    return timers_.size();
+  }
   void cancelScheduled(radio::TimerId) override {}
+  void runTimers() {
+    std::vector<std::function<void()>> due;
+    {
+      std::lock_guard lock(mutex_);
+      due.swap(timers_);
+    }
+    for (auto& fn : due) fn();
+  }
 
  private:
   mutable std::mutex mutex_;
   std::shared_ptr<FakeCentralRadio> central_;
   std::shared_ptr<FakePeripheralRadio> peripheral_;
+  std::vector<std::function<void()>> timers_;
 };
 
 }  // namespace lumora::test

@@ -94,6 +94,7 @@ class PeripheralManagerTest : public ::testing::Test {
     radio::Backend::setCurrent(backend);
     manager = CBPeripheralManager::initWithDelegate(recorder, dispatch_get_global_queue(0, 0));
     radio = backend->lastPeripheral();
+    backend->runTimers();
     dispatch::settle();
   }
   void TearDown() override {
