@@ -15,12 +15,15 @@
 //   finder->TQBeacon_Connect("12");      // 90 "TQBeacon Conneting...", ... 50 "Connect Peripheral"
 //   lumora::RunLoop::main().run();
 //
-// Threads. Call the finder on the main thread. Every callback (ranging,
-// status events 5 to 10 of the table below) arrives on the main queue, that is
+// Threads. Call the finder on the main thread. Every callback the platform
+// causes (ranging results, and the status events of TQStatus sent from scan,
+// link, discovery and value callbacks) arrives on the main queue, that is
 // wherever the application runs RunLoop::main(). Events sent by an operation
-// the application calls (1 to 4, and 5/6 from Scan_peripherals /
-// stopScan_Scan_peripherals) are sent synchronously before it returns. The
-// delegate may call back into the finder from any callback. The atomic
+// the application calls (Connecting, Disconnected, SendData, ReadData, and
+// StartScan / StopScan from Scan_peripherals / stopScan_Scan_peripherals) are
+// sent synchronously before it returns. The delegate may call back into the
+// finder from any callback; on a disconnection both events are sent before
+// the peripheral and characteristic fields are cleared. The atomic
 // properties (uuid, major, minor, is_connectBeacon, peripheral_uuid) may be
 // read and written from any thread one access at a time; nothing else may.
 //

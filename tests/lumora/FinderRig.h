@@ -1,0 +1,113 @@
+// A finder on a fresh simulated air, with its events recorded and the
+// standard user defaults in a temporary file (every disconnection reads and
+// may write "DisconnectFlag").
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Foundation/Dispatch.h"
+#include "Foundation/NSUserDefaults.h"
+#include "Lumora/TQBleFinder.h"
+#include "backends/sim/Air.h"
+#include "support/FinderRecorder.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+namespace lumora::test {
+
+using namespace std::chrono_literals;
+
+inline CBUUID uuid16(const char* text) {
+  return CBUUID::UUIDWithString(text);
+}
+
+inline const CBUUID kMajorUUID = uuid16("B0702882-A295-A8AB-F734-031A98A512DE");
+inline const CBUUID kMinorUUID = uuid16("B0702883-A295-A8AB-F734-031A98A512DE");
+inline const CBUUID kWriteUUID = uuid16("FF0C");
+inline const CBUUID kReadUUID = uuid16("FFCC");
+
+/// A service of characteristics with these UUIDs, default handlers.
+inline sim::ServiceSpec service(std::vector<CBUUID> characteristics,
+                                CBUUID uuid = CBUUID::UUIDWithString("FFC0")) {
+  sim::ServiceSpec spec;
+  spec.uuid = uuid;
+  for (const auto& c : characteristics) {
+    sim::CharacteristicSpec ch;
+    ch.uuid = c;
+    spec.characteristics.push_back(std::move(ch));
+  }
+  return spec;
+}
+
+/// A connectable device advertising `name` with these services.
+inline sim::DeviceConfig beaconDevice(std::optional<std::string> name,
+                                      std::vector<sim::ServiceSpec> services) {
+  sim::DeviceConfig config;
+  config.localName = std::move(name);
+  config.connectable = true;
+  config.services = std::move(services);
+  return config;
+}
+
+class FinderRig {
+ public:
+  explicit FinderRig(sim::AirOptions options = {}) {
+    air = sim::Air::create(options);
+    radio::Backend::setCurrent(air);
+    NSUserDefaults::setStandardPath(defaultsDir.file("defaults.json"));
+    NSUserDefaults::resetStandardUserDefaults();
+    finder = std::make_shared<TQBleFinder>();
+    finder->setDelegate(&recorder);
+    finder->initTQFinder();
+  }
+
+  ~FinderRig() {
+    finder.reset();
+    air->settle();
+    radio::Backend::setCurrent(nullptr);
+    NSUserDefaults::setStandardPath({});
+    NSUserDefaults::resetStandardUserDefaults();
+  }
+
+  FinderRig(const FinderRig&) = delete;
+  FinderRig& operator=(const FinderRig&) = delete;
+
+  /// Connects by name and lets the air run until discovery has settled.
+  void connect(const std::string& name) {
+    finder->TQBeacon_Connect(name);
+    air->advance(1s);
+  }
+
+  /// The stored flag, read afresh from the file as a new process would.
+  std::optional<Object> storedFlag() const {
+    NSUserDefaults::resetStandardUserDefaults();
+    return NSUserDefaults::standardUserDefaults()->objectForKey(TQDisconnectFlagKey);
+  }
+
+  void setFlag(std::optional<Object> value) {
+    NSUserDefaults::standardUserDefaults()->setObject(std::move(value), TQDisconnectFlagKey);
+  }
+
+  TempDir defaultsDir;
+  LogCapture log;
+  std::shared_ptr<sim::Air> air;
+  FinderRecorder recorder;
+  std::shared_ptr<TQBleFinder> finder;
+};
+
+inline const State kConneting{90, "TQBeacon Conneting..."};
+inline const State kDisconnected{90, "TQBeacon Disconnected"};
+inline const State kReadData{90, "TQBeacon ReadData"};
+inline const State kStartScan{90, "Start Scan peripherals"};
+inline const State kStopScan{90, "Stop Scan peripherals"};
+inline const State kConnectPeripheral{50, "Connect Peripheral"};
+inline const State kDidDisconnect{51, "didDisconnectPeripheral"};
+inline const State kLost{90, "beacon connection lost"};
+inline const State kRecv{80, "BLE RECV DATA"};
+
+}  // namespace lumora::test
