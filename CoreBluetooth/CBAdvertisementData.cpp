@@ -11,16 +11,19 @@ const std::string CBAdvertisementDataIsConnectable = "kCBAdvDataIsConnectable";
 const std::string CBCentralManagerScanOptionAllowDuplicatesKey = "kCBScanOptionAllowDuplicates";
 
 std::optional<Object> CBAdvertisementData::objectForKey(std::string_view key) const {
+  // Built in place: GCC 12 warns falsely about moving a variant into an
+  // optional at low optimisation levels.
+  std::optional<Object> found;
   if (key == CBAdvertisementDataLocalNameKey) {
-    if (localName) return Object(*localName);
+    if (localName) found.emplace(std::in_place_type<std::string>, *localName);
   } else if (key == CBAdvertisementDataManufacturerDataKey) {
-    if (manufacturerData) return Object(*manufacturerData);
+    if (manufacturerData) found.emplace(std::in_place_type<Bytes>, *manufacturerData);
   } else if (key == CBAdvertisementDataTxPowerLevelKey) {
-    if (txPowerLevel) return Object(Number(*txPowerLevel));
+    if (txPowerLevel) found.emplace(std::in_place_type<Number>, *txPowerLevel);
   } else if (key == CBAdvertisementDataIsConnectable) {
-    if (isConnectable) return Object(Number(*isConnectable));
+    if (isConnectable) found.emplace(std::in_place_type<Number>, *isConnectable);
   }
-  return std::nullopt;
+  return found;
 }
 
 bool CBAdvertisementData::setObject(const Object& value, std::string_view key) {
