@@ -1,4 +1,4 @@
-// The one place that knows which radios exist and how a spec names them.
+// The one place that knows which radios exist and how a radio name picks one.
 #include "backends/Radio.h"
 
 #include <cstdlib>
@@ -15,11 +15,11 @@ namespace {
 
 constexpr std::string_view kSpecs = "sim, sim:SCENARIO.json, bluez or bluez:ADAPTER";
 
-// Specs come from the command line and the environment: quote them on one
+// Radio names come from the command line and the environment: quote them on one
 // line whatever they hold.
-std::string quoted(std::string_view spec) {
+std::string quoted(std::string_view which) {
   std::string out = "\"";
-  for (char c : spec) out += (c == '\n' || c == '\r') ? ' ' : c;
+  for (char c : which) out += (c == '\n' || c == '\r') ? ' ' : c;
   return out + "\"";
 }
 
@@ -44,27 +44,27 @@ std::shared_ptr<Backend> bluez([[maybe_unused]] std::string_view adapter) {
 
 }  // namespace
 
-std::shared_ptr<Backend> makeBackend(std::string_view spec) {
-  if (spec == "sim") return simulated({});
-  if (spec.starts_with("sim:")) {
-    const std::string_view path = spec.substr(4);
+std::shared_ptr<Backend> makeBackend(std::string_view which) {
+  if (which == "sim") return simulated({});
+  if (which.starts_with("sim:")) {
+    const std::string_view path = which.substr(4);
     if (path.empty()) throw BackendError("sim: needs a scenario file after \"sim:\"");
     return simulated(std::string(path));
   }
-  if (spec == "bluez") return bluez({});
-  if (spec.starts_with("bluez:")) {
-    const std::string_view adapter = spec.substr(6);
+  if (which == "bluez") return bluez({});
+  if (which.starts_with("bluez:")) {
+    const std::string_view adapter = which.substr(6);
     if (adapter.empty()) throw BackendError("bluez: needs an adapter after \"bluez:\"");
     return bluez(adapter);
   }
-  throw BackendError("unknown radio " + quoted(spec) + " (expected " + std::string(kSpecs) + ")");
+  throw BackendError("unknown radio " + quoted(which) + " (expected " + std::string(kSpecs) + ")");
 }
 
 std::shared_ptr<Backend> makeDefaultBackend() {
-  const char* spec = std::getenv("LUMORA_BACKEND");
-  if (spec && *spec) {
+  const char* chosen = std::getenv("LUMORA_BACKEND");
+  if (chosen && *chosen) {
     try {
-      return makeBackend(spec);
+      return makeBackend(chosen);
     } catch (const BackendError& e) {
       throw BackendError(std::string("LUMORA_BACKEND: ") + e.what());
     }

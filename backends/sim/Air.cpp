@@ -638,11 +638,11 @@ std::shared_ptr<VirtualDevice> AirImpl::addDevice(DeviceConfig config) {
   };
   std::vector<GattService> services;
   AttHandle next = 1;
-  for (auto& spec : config.services) {
+  for (auto& wanted : config.services) {
     GattService service;
-    service.uuid = spec.uuid;
-    service.primary = spec.primary;
-    for (auto& c : spec.characteristics) {
+    service.uuid = wanted.uuid;
+    service.primary = wanted.primary;
+    for (auto& c : wanted.characteristics) {
       GattCharacteristic gc;
       gc.uuid = c.uuid;
       gc.properties = c.properties;

@@ -34,14 +34,14 @@ inline const CBUUID kReadUUID = uuid16("FFCC");
 /// A service of characteristics with these UUIDs, default handlers.
 inline sim::ServiceSpec service(std::vector<CBUUID> characteristics,
                                 CBUUID uuid = CBUUID::UUIDWithString("FFC0")) {
-  sim::ServiceSpec spec;
-  spec.uuid = uuid;
+  sim::ServiceSpec result;
+  result.uuid = uuid;
   for (const auto& c : characteristics) {
     sim::CharacteristicSpec ch;
     ch.uuid = c;
-    spec.characteristics.push_back(std::move(ch));
+    result.characteristics.push_back(std::move(ch));
   }
-  return spec;
+  return result;
 }
 
 /// A connectable device advertising `name` with these services.

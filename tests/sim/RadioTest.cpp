@@ -1,4 +1,4 @@
-// Choosing the radio by spec, and the air on the real-time clock.
+// Choosing the radio by name, and the air on the real-time clock.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,7 +13,7 @@ namespace lumora::sim::test {
 namespace {
 
 struct SpecCase {
-  std::string spec;
+  std::string name;
   std::string error;  // empty: a simulated air is made
 };
 
@@ -22,7 +22,7 @@ class RadioSpecs : public ::testing::TestWithParam<SpecCase> {};
 TEST_P(RadioSpecs, AreParsedInOnePlace) {
   const SpecCase& c = GetParam();
   if (c.error.empty()) {
-    auto backend = radio::makeBackend(c.spec);
+    auto backend = radio::makeBackend(c.name);
     ASSERT_NE(backend, nullptr);
     EXPECT_EQ(backend->name(), "sim");
     auto air = std::dynamic_pointer_cast<Air>(backend);
@@ -31,8 +31,8 @@ TEST_P(RadioSpecs, AreParsedInOnePlace) {
     return;
   }
   try {
-    radio::makeBackend(c.spec);
-    FAIL() << "accepted " << c.spec;
+    radio::makeBackend(c.name);
+    FAIL() << "accepted " << c.name;
   } catch (const radio::BackendError& e) {
     EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
     EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos);
