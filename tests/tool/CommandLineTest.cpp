@@ -28,6 +28,12 @@ struct BadInput {
   std::string mentions;  // what the one-line error must name
 };
 
+// Shows the command line in test names and failure messages.
+void PrintTo(const BadInput& input, std::ostream* os) {
+  *os << "lumora";
+  for (const auto& arg : input.args) *os << ' ' << arg;
+}
+
 class ToolBadInput : public ::testing::TestWithParam<BadInput> {};
 
 TEST_P(ToolBadInput, ExitsTwoWithOneLineNamingTheProblem) {
