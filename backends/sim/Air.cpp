@@ -159,24 +159,6 @@ void fill(TraceEvent& e, Nanos time, std::string_view kind, std::string_view fro
 
 }  // namespace
 
-const char* stateName(CBManagerState state) {
-  switch (state) {
-    case CBManagerState::Unknown:
-      return "unknown";
-    case CBManagerState::Resetting:
-      return "resetting";
-    case CBManagerState::Unsupported:
-      return "unsupported";
-    case CBManagerState::Unauthorized:
-      return "unauthorized";
-    case CBManagerState::PoweredOff:
-      return "poweredOff";
-    case CBManagerState::PoweredOn:
-      return "poweredOn";
-  }
-  return "unknown";
-}
-
 Error linkError(CBError code, std::string text) {
   return Error{CBErrorDomain, static_cast<int>(code), std::move(text)};
 }
@@ -569,7 +551,7 @@ void AirImpl::setAdapterState(CBManagerState state) {
         if (auto rx = p->events.lock()) peripherals.push_back(std::move(rx));
       }
     }
-    if (tracing()) record(now(), "power", "", "", stateName(state), nullptr);
+    if (tracing()) record(now(), "power", "", "", toString(state), nullptr);
     for (const auto& rx : centrals) rx->radioStateChanged(state);
     for (const auto& rx : peripherals) rx->radioStateChanged(state);
   });

@@ -215,7 +215,6 @@ struct TraceNote {
 };
 
 /// The scenario name of a power state ("poweredOn", ...).
-const char* stateName(CBManagerState state);
 
 class AirImpl;
 
