@@ -1,6 +1,8 @@
 #include "CoreBluetooth/CBCentralManager.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -8,12 +10,46 @@
 
 namespace lumora {
 
+namespace {
+
+// A radio's id of a device, stored inside the table's node when short (a
+// MAC address text is 17 characters): a lookup among thousands of devices
+// then touches no separate heap block per key.
+class DeviceKey {
+ public:
+  explicit DeviceKey(std::string_view id) : size_(id.size()) {
+    if (size_ <= kInline) {
+      std::memcpy(inline_, id.data(), size_);
+    } else {
+      long_.assign(id);
+    }
+  }
+  std::string_view view() const {
+    return size_ <= kInline ? std::string_view(inline_, size_) : std::string_view(long_);
+  }
+  friend bool operator==(const DeviceKey& a, const DeviceKey& b) { return a.view() == b.view(); }
+
+  struct Hash {
+    std::size_t operator()(const DeviceKey& key) const {
+      return std::hash<std::string_view>{}(key.view());
+    }
+  };
+
+ private:
+  static constexpr std::size_t kInline = 23;
+  std::size_t size_;
+  char inline_[kInline];
+  std::string long_;
+};
+
+}  // namespace
+
 // Everything here is guarded by `mutex`, except `line` (set once, before the
 // manager is handed out, and thread-safe itself).
 struct CBCentralManager::Impl {
   struct Known {
-    std::weak_ptr<CBPeripheral> peripheral;
-    std::shared_ptr<CBPeripheral> pinned;  // held while connecting or connected
+    std::shared_ptr<CBPeripheral> peripheral;
+    bool pinned = false;  // connecting or connected: never pruned
   };
 
   std::shared_ptr<detail::SerialDelivery> line;
@@ -30,13 +66,20 @@ struct CBCentralManager::Impl {
   // scan; a device is reported again only when it differs.
   std::unordered_map<radio::PeripheralId, CBAdvertisementData> reported;
 
-  std::unordered_map<radio::PeripheralId, Known> peripherals;
-  std::size_t pruneAt = 64;
+  // Every device reported or connected, with its one peripheral object, so
+  // that a device keeps its object (and a scan with duplicates builds none
+  // per report). Once the table reaches kRemembered (or twice what survived
+  // the last pruning), the peripherals that nobody else holds and that are
+  // not linked are dropped: a long scan among rotating addresses stays
+  // bounded.
+  static constexpr std::size_t kRemembered = 16384;
+  std::unordered_map<DeviceKey, Known, DeviceKey::Hash> peripherals;
+  std::size_t pruneAt = kRemembered;
 
   void pinLocked(const std::shared_ptr<CBPeripheral>& peripheral, bool pin) {
-    auto& known = peripherals[peripheral->address()];
+    auto& known = peripherals[DeviceKey(peripheral->address())];
     known.peripheral = peripheral;
-    known.pinned = pin ? peripheral : nullptr;
+    known.pinned = pin;
   }
 };
 
@@ -58,6 +101,16 @@ CBCentralManager::CBCentralManager(DispatchQueuePtr queue)
   impl_->line = detail::SerialDelivery::make(queue_);
 }
 
+// Deliveries capture the radio's const& arguments with init-captures
+// (`[report = report]`): a plain capture of a const reference is a const
+// member, which every move of the closure would copy instead.
+template <class Fn>
+void CBCentralManager::post(Fn&& delivery) {
+  impl_->line->post([weak = weak_from_this(), delivery = std::forward<Fn>(delivery)] {
+    if (auto self = weak.lock()) delivery(self);
+  });
+}
+
 std::shared_ptr<CBCentralManager> CBCentralManager::initWithDelegate(
     std::weak_ptr<CBCentralManagerDelegate> delegate, DispatchQueuePtr queue,
     std::optional<Dictionary> /*options*/) {
@@ -77,12 +130,6 @@ std::shared_ptr<CBCentralManager> CBCentralManager::initWithDelegate(
 
 CBCentralManager::~CBCentralManager() {
   if (radio_) radio_->close();
-}
-
-void CBCentralManager::post(Delivery delivery) {
-  impl_->line->post([weak = weak_from_this(), delivery = std::move(delivery)] {
-    if (auto self = weak.lock()) delivery(self);
-  });
 }
 
 std::shared_ptr<CBCentralManagerDelegate> CBCentralManager::delegate() const {
@@ -120,18 +167,29 @@ void CBCentralManager::deliverState(CBManagerState state) {
 std::shared_ptr<CBPeripheral> CBCentralManager::peripheralFor(const radio::PeripheralId& address,
                                                               bool create) {
   std::lock_guard lock(impl_->mutex);
+  return peripheralForLocked(address, create, std::nullopt);
+}
+
+std::shared_ptr<CBPeripheral> CBCentralManager::peripheralForLocked(
+    const radio::PeripheralId& address, bool create, const std::optional<std::string>& name,
+    bool* made) {
+  if (made) *made = false;
   auto& peripherals = impl_->peripherals;
-  if (auto it = peripherals.find(address); it != peripherals.end()) {
-    if (auto known = it->second.peripheral.lock()) return known;
-  }
+  const DeviceKey key(address);
+  if (auto it = peripherals.find(key); it != peripherals.end()) return it->second.peripheral;
   if (!create) return nullptr;
   if (peripherals.size() >= impl_->pruneAt) {
-    std::erase_if(peripherals, [](const auto& entry) { return entry.second.peripheral.expired(); });
-    impl_->pruneAt = std::max<std::size_t>(64, 2 * peripherals.size());
+    // use_count() is exact here: new references are only taken from the
+    // table under this lock, so an entry seen unshared stays unshared.
+    std::erase_if(peripherals, [](const auto& entry) {
+      return !entry.second.pinned && entry.second.peripheral.use_count() == 1;
+    });
+    impl_->pruneAt = std::max(Impl::kRemembered, 2 * peripherals.size());
   }
-  auto made = std::make_shared<CBPeripheral>(weak_from_this(), address, std::nullopt);
-  peripherals[address].peripheral = made;
-  return made;
+  auto peripheral = std::make_shared<CBPeripheral>(weak_from_this(), address, name);
+  peripherals.emplace(key, Impl::Known{peripheral, false});
+  if (made) *made = true;
+  return peripheral;
 }
 
 void CBCentralManager::scanForPeripheralsWithServices(
@@ -196,9 +254,14 @@ void CBCentralManager::radioStateChanged(CBManagerState state) {
 }
 
 void CBCentralManager::radioDiscovered(const radio::AdvertisingReport& report) {
-  post([report](const std::shared_ptr<CBCentralManager>& self) {
+  post([report = report](const std::shared_ptr<CBCentralManager>& self) {
     auto& impl = *self->impl_;
+    std::shared_ptr<CBPeripheral> peripheral;
+    std::shared_ptr<CBCentralManagerDelegate> delegate;
+    bool made = false;  // a new object already carries the advertised name
     {
+      // One lock for the whole report: this runs for every advertisement
+      // heard while scanning.
       std::lock_guard lock(impl.mutex);
       if (!impl.scanning || !wantedByFilter(impl.scanServices, report.advertisement)) return;
       if (!impl.allowDuplicates) {
@@ -208,17 +271,21 @@ void CBCentralManager::radioDiscovered(const radio::AdvertisingReport& report) {
           it->second = report.advertisement;
         }
       }
+      const auto& name = report.advertisement.localName;
+      peripheral = self->peripheralForLocked(report.address, true, name, &made);
+      delegate = impl.delegate.lock();
     }
-    auto peripheral = self->peripheralFor(report.address, true);
-    if (report.advertisement.localName) peripheral->setName(report.advertisement.localName);
-    if (auto delegate = self->delegate()) {
+    if (!made && report.advertisement.localName) {
+      peripheral->setName(report.advertisement.localName);
+    }
+    if (delegate) {
       delegate->didDiscoverPeripheral(self, peripheral, report.advertisement, Number(report.rssi));
     }
   });
 }
 
 void CBCentralManager::radioConnected(const radio::PeripheralId& address) {
-  post([address](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, true);
     {
       std::lock_guard lock(self->impl_->mutex);
@@ -230,7 +297,7 @@ void CBCentralManager::radioConnected(const radio::PeripheralId& address) {
 }
 
 void CBCentralManager::radioConnectFailed(const radio::PeripheralId& address, const Error& error) {
-  post([address, error](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address, error = error](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, true);
     {
       std::lock_guard lock(self->impl_->mutex);
@@ -245,7 +312,7 @@ void CBCentralManager::radioConnectFailed(const radio::PeripheralId& address, co
 
 void CBCentralManager::radioDisconnected(const radio::PeripheralId& address,
                                          const std::optional<Error>& error) {
-  post([address, error](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address, error = error](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, true);
     {
       std::lock_guard lock(self->impl_->mutex);
@@ -263,7 +330,8 @@ void CBCentralManager::radioDisconnected(const radio::PeripheralId& address,
 void CBCentralManager::radioServicesDiscovered(const radio::PeripheralId& address,
                                                const std::vector<radio::RemoteService>& services,
                                                const std::optional<Error>& error) {
-  post([address, services, error](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address, services = services,
+        error = error](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, false);
     if (!peripheral) return;
     // A failed discovery that found nothing leaves the earlier list alone.
@@ -296,8 +364,8 @@ void CBCentralManager::radioCharacteristicsDiscovered(
     const radio::PeripheralId& address, radio::AttHandle serviceHandle,
     const std::vector<radio::RemoteCharacteristic>& characteristics,
     const std::optional<Error>& error) {
-  post([address, serviceHandle, characteristics,
-        error](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address, serviceHandle, characteristics = characteristics,
+        error = error](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, false);
     if (!peripheral) return;
     auto service = peripheral->serviceWithHandle(serviceHandle);
@@ -334,7 +402,8 @@ void CBCentralManager::radioCharacteristicsDiscovered(
 void CBCentralManager::radioValueUpdated(const radio::PeripheralId& address,
                                          radio::AttHandle handle, const Data& value,
                                          const std::optional<Error>& error) {
-  post([address, handle, value, error](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address, handle, value = value,
+        error = error](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, false);
     if (!peripheral) return;
     auto characteristic = peripheral->characteristicWithHandle(handle);
@@ -350,7 +419,7 @@ void CBCentralManager::radioValueUpdated(const radio::PeripheralId& address,
 void CBCentralManager::radioValueWritten(const radio::PeripheralId& address,
                                          radio::AttHandle handle,
                                          const std::optional<Error>& error) {
-  post([address, handle, error](const std::shared_ptr<CBCentralManager>& self) {
+  post([address = address, handle, error = error](const std::shared_ptr<CBCentralManager>& self) {
     auto peripheral = self->peripheralFor(address, false);
     if (!peripheral) return;
     auto characteristic = peripheral->characteristicWithHandle(handle);

@@ -32,11 +32,13 @@
 // wait for a later callback of the same manager. A manager that has been
 // destroyed delivers nothing more; destroying it closes its radio session.
 //
-// Lifetime of peripherals: the manager keeps a peripheral alive while it is
-// connecting or connected; otherwise it refers to it weakly, and the same
-// object is handed out for as long as anyone else holds it (the application,
-// a pending delivery). A long scan among rotating addresses therefore does
-// not pile up peripheral objects.
+// Lifetime of peripherals: a device keeps one peripheral object, which the
+// manager holds and hands out for every report and link. Once the manager
+// knows 16,384 devices, it drops the objects that are neither linked
+// (connecting or connected) nor held by anyone else (the application, a
+// pending delivery); a device heard again later gets a new object with the
+// same identifier. A long scan among rotating addresses therefore stays
+// bounded.
 #pragma once
 
 #include <functional>
@@ -132,16 +134,21 @@ class CBCentralManager : public std::enable_shared_from_this<CBCentralManager>,
 
  private:
   struct Impl;
-  using Delivery = std::function<void(const std::shared_ptr<CBCentralManager>&)>;
-
-  // Queues `delivery` on this manager's delivery line; it runs on the queue,
-  // after everything queued before it, and only while the manager lives.
-  void post(Delivery delivery);
+  // Queues `delivery(self)` on this manager's delivery line; it runs on the
+  // queue, after everything queued before it, and only while the manager
+  // lives. A template so that each delivery costs one closure, not two.
+  template <class Fn>
+  void post(Fn&& delivery);
   // On the queue: records `state` and reports it unless it was reported last.
   void deliverState(CBManagerState state);
   // The peripheral object of `address`: the known one, else (with `create`) a
   // new one. Null when unknown and not created.
   std::shared_ptr<CBPeripheral> peripheralFor(const radio::PeripheralId& address, bool create);
+  // The same with impl_->mutex held; a new object is made with `name`, and
+  // `made` (when given) tells whether it is new.
+  std::shared_ptr<CBPeripheral> peripheralForLocked(const radio::PeripheralId& address, bool create,
+                                                    const std::optional<std::string>& name,
+                                                    bool* made = nullptr);
 
   std::shared_ptr<Impl> impl_;
   DispatchQueuePtr queue_;

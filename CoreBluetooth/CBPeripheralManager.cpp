@@ -286,7 +286,7 @@ void CBPeripheralManager::radioStateChanged(CBManagerState state) {
 
 void CBPeripheralManager::radioServiceAdded(radio::ServiceToken token,
                                             const std::optional<Error>& error) {
-  post([token, error](const std::shared_ptr<CBPeripheralManager>& self) {
+  post([token, error = error](const std::shared_ptr<CBPeripheralManager>& self) {
     std::shared_ptr<CBMutableService> service;
     std::shared_ptr<CBPeripheralManagerDelegate> delegate;
     {
@@ -304,7 +304,7 @@ void CBPeripheralManager::radioServiceAdded(radio::ServiceToken token,
 }
 
 void CBPeripheralManager::radioAdvertisingStarted(const std::optional<Error>& error) {
-  post([error](const std::shared_ptr<CBPeripheralManager>& self) {
+  post([error = error](const std::shared_ptr<CBPeripheralManager>& self) {
     std::shared_ptr<CBPeripheralManagerDelegate> delegate;
     {
       std::lock_guard lock(self->impl_->mutex);
@@ -317,7 +317,7 @@ void CBPeripheralManager::radioAdvertisingStarted(const std::optional<Error>& er
 }
 
 void CBPeripheralManager::radioReadRequest(const radio::AttRequest& request) {
-  post([request](const std::shared_ptr<CBPeripheralManager>& self) {
+  post([request = request](const std::shared_ptr<CBPeripheralManager>& self) {
     auto& radio = *self->impl_->radio;
     auto front = self->requestFor(request, false);
     if (!front) {
@@ -335,7 +335,7 @@ void CBPeripheralManager::radioReadRequest(const radio::AttRequest& request) {
 
 void CBPeripheralManager::radioWriteRequests(const std::vector<radio::AttRequest>& requests) {
   if (requests.empty()) return;
-  post([requests](const std::shared_ptr<CBPeripheralManager>& self) {
+  post([requests = requests](const std::shared_ptr<CBPeripheralManager>& self) {
     auto& radio = *self->impl_->radio;
     std::vector<std::shared_ptr<CBATTRequest>> front;
     front.reserve(requests.size());

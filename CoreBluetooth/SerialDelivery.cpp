@@ -10,12 +10,22 @@ std::shared_ptr<SerialDelivery> SerialDelivery::make(DispatchQueuePtr queue) {
 }
 
 SerialDelivery::SerialDelivery(DispatchQueuePtr queue)
-    : queue_(queue ? std::move(queue) : DispatchQueue::main()) {}
+    : queue_(queue ? std::move(queue) : DispatchQueue::main()),
+      onMain_(queue_ == DispatchQueue::main()) {}
 
 bool SerialDelivery::claimDrainLocked() {
   if (held_ || draining_ || pending_.empty()) return false;
   draining_ = true;
+  if (onMain_) keepAlive_ = shared_from_this();
   return true;
+}
+
+void SerialDelivery::queueDrain() {
+  if (onMain_) {
+    queue_->async([this] { drain(); });
+  } else {
+    queue_->async([self = shared_from_this()] { self->drain(); });
+  }
 }
 
 void SerialDelivery::post(std::function<void()> work) {
@@ -25,7 +35,7 @@ void SerialDelivery::post(std::function<void()> work) {
     pending_.push_back(std::move(work));
     start = claimDrainLocked();
   }
-  if (start) queue_->async([self = shared_from_this()] { self->drain(); });
+  if (start) queueDrain();
 }
 
 void SerialDelivery::release() {
@@ -35,44 +45,49 @@ void SerialDelivery::release() {
     held_ = false;
     start = claimDrainLocked();
   }
-  if (start) queue_->async([self = shared_from_this()] { self->drain(); });
+  if (start) queueDrain();
 }
 
 void SerialDelivery::drain() {
-  std::deque<std::function<void()>> batch;
+  Batch batch;
   {
     std::lock_guard lock(mutex_);
     batch.swap(pending_);
+    pending_.swap(spare_);
   }
   // The line stays claimed (draining_) while the batch runs, so nothing
   // posted meanwhile can overtake it on another worker.
+  std::size_t next = 0;
   try {
-    while (!batch.empty()) {
-      // Popped before running so the item's captures (the manager among
+    while (next < batch.size()) {
+      // Moved out before running so the item's captures (the manager among
       // them) are released before the next delivery starts.
-      auto work = std::move(batch.front());
-      batch.pop_front();
+      auto work = std::move(batch[next++]);
       work();
     }
   } catch (...) {
     // A throwing delegate must not wedge the line: what had not run yet
     // goes back in front, in order, and a fresh task takes over.
-    finishDrain(std::move(batch));
+    finishDrain(std::move(batch), next);
     throw;
   }
-  finishDrain({});
+  finishDrain(std::move(batch), next);
 }
 
-void SerialDelivery::finishDrain(std::deque<std::function<void()>> unrun) {
+void SerialDelivery::finishDrain(Batch batch, std::size_t next) {
   bool again = false;
+  std::shared_ptr<SerialDelivery> self;  // may be the last reference: dropped last
   {
     std::lock_guard lock(mutex_);
-    pending_.insert(pending_.begin(), std::make_move_iterator(unrun.begin()),
-                    std::make_move_iterator(unrun.end()));
+    pending_.insert(pending_.begin(), std::make_move_iterator(batch.begin() + next),
+                    std::make_move_iterator(batch.end()));
+    batch.clear();
+    if (batch.capacity() > spare_.capacity()) spare_.swap(batch);
     draining_ = false;
+    self = std::move(keepAlive_);
     again = claimDrainLocked();
   }
-  if (again) queue_->async([self = shared_from_this()] { self->drain(); });
+  if (again) queueDrain();
 }
 
 }  // namespace lumora::detail

@@ -11,10 +11,10 @@
 // (its radio session may raise events at once) wait until release().
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "Foundation/Dispatch.h"
 
@@ -38,16 +38,28 @@ class SerialDelivery : public std::enable_shared_from_this<SerialDelivery> {
  private:
   // Called with mutex_ held; true when a drain task must be queued.
   bool claimDrainLocked();
+  // A drain task on the main queue holds the line through keepAlive_, so its
+  // closure is a plain pointer that std::function stores without allocating
+  // (one task per advertisement heard while scanning). The main loop never
+  // drops a task; the pool drops queued work at exit, so its tasks own a
+  // reference themselves.
+  void queueDrain();
   void drain();
-  // Ends a drain task: puts back what it did not run and hands over to a
-  // fresh task when work is waiting.
-  void finishDrain(std::deque<std::function<void()>> unrun);
+  using Batch = std::vector<std::function<void()>>;
+  // Ends a drain task: puts back what it did not run (`batch` from `next`
+  // on) and hands over to a fresh task when work is waiting.
+  void finishDrain(Batch batch, std::size_t next);
 
   DispatchQueuePtr queue_;
   std::mutex mutex_;
-  std::deque<std::function<void()>> pending_;
+  Batch pending_;
+  // The storage of the last batch, reused by the next one: a busy line (one
+  // delivery per advertisement heard) allocates nothing to queue its work.
+  Batch spare_;
   bool held_ = true;
   bool draining_ = false;
+  const bool onMain_;
+  std::shared_ptr<SerialDelivery> keepAlive_;  // main queue only, while draining_
 };
 
 }  // namespace lumora::detail

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <thread>
@@ -69,7 +70,13 @@ class Pool {
     workAvailable_.notify_one();
   }
 
-  void waitForIdle() {
+  /// Waits until the pool is idle; returns how many items had completed by
+  /// then.
+  std::uint64_t waitForIdle() {
+    // Fast path for a settle that finds nothing queued. Both counters change
+    // under the lock, completed_ before pending_ drops, so seeing pending_ at
+    // zero means every finished item is already counted.
+    if (!tOnPoolWorker && pending_.load() == 0) return completed_.load();
     std::unique_lock lock(mutex_);
     // A worker waiting for the pool counts its own running item as busy; the
     // pool is idle once everything but the waiting workers has finished.
@@ -78,6 +85,7 @@ class Pool {
     if (own != 0) idle_.notify_all();
     idle_.wait(lock, [&] { return pending_ <= waitingWorkers_ || shutdown_; });
     waitingWorkers_ -= own;
+    return completed_;
   }
 
   std::uint64_t completed() {
@@ -99,8 +107,8 @@ class Pool {
       work();
       work = nullptr;  // captures are released before the work counts as done
       lock.lock();
+      ++completed_;  // before pending_ drops: see waitForIdle()
       --pending_;
-      ++completed_;
       if (pending_ <= waitingWorkers_) idle_.notify_all();
     }
   }
@@ -109,9 +117,10 @@ class Pool {
   std::condition_variable workAvailable_;
   std::condition_variable idle_;
   std::deque<std::function<void()>> queue_;
-  std::size_t pending_ = 0;  // queued plus running
+  // Written under mutex_; atomic so that an idle pool can be seen without it.
+  std::atomic<std::size_t> pending_{0};  // queued plus running
   std::size_t waitingWorkers_ = 0;
-  std::uint64_t completed_ = 0;
+  std::atomic<std::uint64_t> completed_{0};
   bool shutdown_ = false;
   std::vector<std::thread> workers_;  // last: started after the rest is built
 };
@@ -175,11 +184,14 @@ void waitForGlobalIdle() {
 }
 
 void settle() {
+  // Quiet once a round runs nothing on the main queue and the pool completed
+  // nothing since the round before went idle.
+  std::uint64_t before = pool().completed();
   while (true) {
-    const std::uint64_t before = pool().completed();
     const std::size_t ranOnMain = RunLoop::main().drain();
-    pool().waitForIdle();
-    if (ranOnMain == 0 && pool().completed() == before) return;
+    const std::uint64_t after = pool().waitForIdle();
+    if (ranOnMain == 0 && after == before) return;
+    before = after;
   }
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <optional>
 #include <system_error>
@@ -54,34 +55,53 @@ struct RunLoop::Impl {
   }
   ~Impl() { ::close(wakeFd); }
 
+  // A burst of posts costs one write: while `wakePending` is set, the
+  // eventfd is (or is about to be) readable, so the loop will wake anyway and
+  // then see every task pushed before the flag was found set.
   void wake() const {
+    if (wakePending.exchange(true)) return;
     const std::uint64_t one = 1;
     // EAGAIN means the counter is already non-zero: the loop is awake anyway.
     [[maybe_unused]] const ssize_t ignored = ::write(wakeFd, &one, sizeof one);
   }
 
+  // Read first, then clear: a post that skipped its write meanwhile pushed
+  // its task before, and the loop checks the tasks before it sleeps again.
   void clearWake() const {
     std::uint64_t count;
     [[maybe_unused]] const ssize_t ignored = ::read(wakeFd, &count, sizeof count);
+    wakePending.store(false);
+  }
+
+  // Tasks are stamped only to order them against timers; with no timer
+  // pending, a task is ready before any timer added later, and the clock
+  // need not be read at all.
+  void recountLocked() { queued.store(tasks.size() + timers.size()); }
+
+  Clock::time_point stampLocked() const {
+    return timers.empty() ? Clock::time_point::min() : Clock::now();
   }
 
   // Runs the one piece of ready work (task or due timer) that became ready
   // first. Returns false when nothing is ready. Never holds the mutex while
   // the work runs.
   bool runOne() {
+    // A settle that finds the loop empty does not take the lock.
+    if (queued.load() == 0) return false;
     Task work;
     {
       std::lock_guard lock(mutex);
-      const auto now = Clock::now();
-      const bool timerDue = !timers.empty() && timers.begin()->first.first <= now;
+      const bool timerDue = !timers.empty() && timers.begin()->first.first <= Clock::now();
       if (!tasks.empty() && (!timerDue || tasks.front().first <= timers.begin()->first.first)) {
         work = std::move(tasks.front().second);
         tasks.pop_front();
+        recountLocked();
       } else if (timerDue) {
         auto it = timers.begin();
         work = std::move(it->second);
         timerDeadlines.erase(it->first.second);
         timers.erase(it);
+        recountLocked();
       } else {
         return false;
       }
@@ -92,8 +112,9 @@ struct RunLoop::Impl {
 
   std::size_t readyCount() {
     std::lock_guard lock(mutex);
-    const auto now = Clock::now();
     std::size_t count = tasks.size();
+    if (timers.empty()) return count;
+    const auto now = Clock::now();
     for (auto it = timers.begin(); it != timers.end() && it->first.first <= now; ++it) ++count;
     return count;
   }
@@ -182,6 +203,8 @@ struct RunLoop::Impl {
 
   mutable std::mutex mutex;
   int wakeFd = -1;
+  mutable std::atomic<bool> wakePending{false};
+  std::atomic<std::size_t> queued{0};  // tasks plus timers, written under the lock
   std::deque<std::pair<Clock::time_point, Task>> tasks;  // stamped with their post time
   std::map<std::pair<Clock::time_point, TimerId>, Task> timers;
   std::unordered_map<TimerId, Clock::time_point> timerDeadlines;
@@ -204,7 +227,8 @@ RunLoop& RunLoop::main() {
 void RunLoop::post(std::function<void()> task) {
   {
     std::lock_guard lock(impl_->mutex);
-    impl_->tasks.emplace_back(Clock::now(), std::move(task));
+    impl_->tasks.emplace_back(impl_->stampLocked(), std::move(task));
+    impl_->recountLocked();
   }
   impl_->wake();
 }
@@ -215,6 +239,7 @@ RunLoop::TimerId RunLoop::addTimer(Clock::time_point when, std::function<void()>
     std::lock_guard lock(impl_->mutex);
     id = impl_->nextId++;
     impl_->timers.emplace(std::make_pair(when, id), std::move(fn));
+    impl_->recountLocked();
     impl_->timerDeadlines.emplace(id, when);
   }
   impl_->wake();
@@ -230,6 +255,7 @@ void RunLoop::cancelTimer(TimerId id) {
   if (timer != impl_->timers.end()) {
     cancelled = std::move(timer->second);
     impl_->timers.erase(timer);
+    impl_->recountLocked();
   }
   impl_->timerDeadlines.erase(it);
 }

@@ -376,6 +376,9 @@ void AirImpl::onTimer() {
 AirImpl::Ran AirImpl::runOne(Nanos limit) {
   std::lock_guard run(runMutex_);
   Event event;  // destroyed after the lock below is released
+  // An advertisement's advertiser, kept alive by its next queued event.
+  Advertiser* advertiser = nullptr;
+  Audience audience;
   {
     std::lock_guard lock(mutex_);
     if (queue_.empty() || queue_.front().time > limit) return Ran::Nothing;
@@ -389,9 +392,15 @@ AirImpl::Ran AirImpl::runOne(Nanos limit) {
       virtualNow_.store(event.time.count(), std::memory_order_release);
     }
     if (event.timer != 0 && liveTimers_.erase(event.timer) == 0) return Ran::Quiet;
+    if (event.advertiser) {
+      advertiser = event.advertiser.get();
+      audience = advertiseLocked(event);
+    }
   }
   InEvent inEvent;
-  if (event.advertiser) return advertise(event) ? Ran::Delivered : Ran::Quiet;
+  if (advertiser) {
+    return deliverAdvertisement(*advertiser, event.time, audience) ? Ran::Delivered : Ran::Quiet;
+  }
   if (event.task) event.task();
   return Ran::Delivered;
 }
@@ -459,49 +468,50 @@ void AirImpl::rebuildScannersLocked() {
   scanners_ = std::move(list);
 }
 
-bool AirImpl::advertise(Event& event) {
+AirImpl::Audience AirImpl::advertiseLocked(Event& event) {
+  Advertiser& a = *event.advertiser;
+  Audience audience;
+  if (!a.advertising || a.generation != event.generation) return audience;
   // The next advertisement's event keeps the advertiser alive until this one
   // is over: it can only be dropped when it comes due, on this thread.
-  Advertiser& a = *event.advertiser;
-  std::shared_ptr<const std::vector<Scanner>> scanners;
-  std::shared_ptr<const std::vector<std::shared_ptr<Sink>>> sinks;
-  bool heard = false;
-  {
-    std::lock_guard lock(mutex_);
-    if (!a.advertising || a.generation != event.generation) return false;
-    Event next;
-    next.time = std::max(a.interval, kMinInterval) +
-                Nanos(std::uniform_int_distribution<std::int64_t>(0, kMaxAdvDelay.count())(rng_)) +
-                event.time;
-    next.advertiser = std::move(event.advertiser);
-    next.generation = event.generation;
-    pushLocked(std::move(next));
-    if (state_ != CBManagerState::PoweredOn) return false;  // nobody listens
+  Event next;
+  next.time = std::max(a.interval, kMinInterval) +
+              Nanos(std::uniform_int_distribution<std::int64_t>(0, kMaxAdvDelay.count())(rng_)) +
+              event.time;
+  next.advertiser = std::move(event.advertiser);
+  next.generation = event.generation;
+  pushLocked(std::move(next));
+  if (state_ != CBManagerState::PoweredOn) return audience;  // nobody listens
 
-    const bool lost = a.packetLoss > 0 && unit_(rng_) < a.packetLoss;
-    if (a.reportVersion != a.contentVersion) {
-      a.report.address = a.address;
-      a.report.advertisement = a.content;
-      a.wire = encodeAdvertisement(a.content);
-      a.reportVersion = a.contentVersion;
-    }
-    if (!lost) {
-      a.report.rssi = drawRssi(a, event.time, rng_, noise_);
-      a.report.time = event.time;
-      scanners = scanners_;
-      sinks = sinks_;
-      heard = true;
-    }
+  audience.traced = true;
+  const bool lost = a.packetLoss > 0 && unit_(rng_) < a.packetLoss;
+  if (a.reportVersion != a.contentVersion) {
+    a.report.address = a.address;
+    a.report.advertisement = a.content;
+    a.wire = encodeAdvertisement(a.content);
+    a.reportVersion = a.contentVersion;
   }
+  if (!lost) {
+    a.report.rssi = drawRssi(a, event.time, rng_, noise_);
+    a.report.time = event.time;
+    audience.scanners = scanners_;
+    audience.sinks = sinks_;
+    audience.heard = true;
+  }
+  return audience;
+}
+
+bool AirImpl::deliverAdvertisement(const Advertiser& a, Nanos time, const Audience& audience) {
+  if (!audience.traced) return false;
   if (tracing()) {
     char detail[24] = "lost";
-    if (heard) std::snprintf(detail, sizeof detail, "rssi %d", a.report.rssi);
-    record(event.time, "adv", a.address, {}, detail, &a.wire);
+    if (audience.heard) std::snprintf(detail, sizeof detail, "rssi %d", a.report.rssi);
+    record(time, "adv", a.address, {}, detail, &a.wire);
   }
-  if (!heard) return false;
+  if (!audience.heard) return false;
 
   bool delivered = false;
-  for (const Scanner& scanner : *scanners) {
+  for (const Scanner& scanner : *audience.scanners) {
     if (!wanted(scanner.services, a.report.advertisement.serviceUUIDs)) continue;
     if (auto receiver = scanner.events.lock()) {
       receiver->radioDiscovered(a.report);
@@ -510,7 +520,7 @@ bool AirImpl::advertise(Event& event) {
   }
   // Sinks only record (ranging tables): they set nothing going that the
   // queues would have to settle.
-  for (const auto& sink : *sinks) {
+  for (const auto& sink : *audience.sinks) {
     if (sink->active.load(std::memory_order_acquire)) sink->fn(a.report);
   }
   return delivered;
@@ -571,7 +581,7 @@ void AirImpl::setAdapterState(CBManagerState state) {
       postCentralLocked(
           id, Nanos{0}, std::nullopt,
           TraceNote{"connect", central->address, peer, "failed: " + error.text, {}},
-          [peer, error](radio::CentralEvents& rx) { rx.radioConnectFailed(peer, error); });
+          [peer = peer, error](radio::CentralEvents& rx) { rx.radioConnectFailed(peer, error); });
     }
   }
   rebuildScannersLocked();

@@ -237,8 +237,9 @@ class Air : public radio::Backend {
   /// A remote central (for driving local peripheral managers).
   virtual std::shared_ptr<VirtualCentral> addCentral(std::string address = {}) = 0;
 
-  /// Trace: kept in memory (at most `limit` newest events, 10,000 unless
-  /// set; 0 keeps none) and/or handed to a sink. The sink runs on the thread
+  /// Trace: kept in memory (at most `limit` newest events; none until a
+  /// limit is set: recording is a large share of an advertisement's trip
+  /// through the air) and/or handed to a sink. The sink runs on the thread
   /// where the step happened (the air's thread, or the caller of a
   /// VirtualCentral operation), with no lock of the air held; it must only
   /// record. Kinds: "adv", "power", "connect", "disconnect", "services",

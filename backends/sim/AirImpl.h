@@ -409,8 +409,18 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
  private:
   enum class Ran { Nothing, Quiet, Delivered };
   Ran runOne(Nanos limit);
-  /// Takes the advertiser's reference out of `event` for the next one.
-  bool advertise(Event& event);
+  /// Who hears one advertisement, taken under the lock.
+  struct Audience {
+    bool traced = false;  // something to trace: heard or lost
+    bool heard = false;
+    std::shared_ptr<const std::vector<Scanner>> scanners;
+    std::shared_ptr<const std::vector<std::shared_ptr<Sink>>> sinks;
+  };
+  /// With mutex_ held: queues the advertiser's next advertisement (taking
+  /// its reference out of `event`) and draws this one's fate.
+  Audience advertiseLocked(Event& event);
+  /// Without locks: traces the advertisement and hands it to its audience.
+  bool deliverAdvertisement(const Advertiser& advertiser, Nanos time, const Audience& audience);
   void armLocked();
   void onTimer();
 
@@ -418,9 +428,9 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
   mutable std::mutex traceMutex_;
   std::vector<TraceEvent> ring_;
   std::size_t ringStart_ = 0;
-  std::size_t traceLimit_ = 10000;
+  std::size_t traceLimit_ = 0;
   std::shared_ptr<const std::function<void(const TraceEvent&)>> traceSink_;
-  std::atomic<bool> tracing_{true};
+  std::atomic<bool> tracing_{false};
 };
 
 }  // namespace lumora::sim::detail

@@ -21,6 +21,7 @@ DeviceConfig beacon(std::string address, double distance) {
 
 std::shared_ptr<Air> noisyAir(std::uint64_t seed) {
   auto air = Air::create({.seed = seed});
+  air->setTraceLimit(100000);
   auto a = beacon("C0:00:00:00:00:01", 2.0);
   a.packetLoss = 0.2;
   air->addDevice(a);
@@ -108,6 +109,7 @@ TEST(AirAdvertising, PacketLossDropsThatShareOfAdvertisements) {
   DeviceConfig c = beacon("C0:00:00:00:00:01", 1.0);
   c.packetLoss = 0.3;
   air->addDevice(c);
+  air->setTraceLimit(100000);
   ReportSink sink;
   sink.observe(*air);
   air->advance(300s);
