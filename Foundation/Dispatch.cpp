@@ -88,10 +88,7 @@ class Pool {
     return completed_;
   }
 
-  std::uint64_t completed() {
-    std::lock_guard lock(mutex_);
-    return completed_;
-  }
+  std::uint64_t completed() const { return completed_.load(); }
 
  private:
   void workerMain() {
