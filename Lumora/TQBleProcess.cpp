@@ -87,6 +87,12 @@ void TQBleProcess::initStartTQBeacon(const std::optional<Uuid>& uuid,
   formatter->setNumberStyle(NSNumberFormatter::DecimalStyle);
   setNumberFormatter(std::move(formatter));
 
+  // Enabled and not yet started before the manager is reachable: its first
+  // state report runs on a worker and may start us at once, and must find
+  // the configuration complete rather than have it reset behind its back.
+  setEnabled(true);
+  setIs_startBeacon(false);
+
   // One manager for the process; the instance configured last receives its
   // callbacks. The manager holds us weakly, so a destroyed instance is never
   // called back.
@@ -96,9 +102,6 @@ void TQBleProcess::initStartTQBeacon(const std::optional<Uuid>& uuid,
     peripheralManager.store(
         CBPeripheralManager::initWithDelegate(weak_from_this(), dispatch_get_global_queue(0, 0)));
   }
-
-  setEnabled(true);
-  setIs_startBeacon(false);
 }
 
 bool TQBleProcess::StartTQBeacon() {

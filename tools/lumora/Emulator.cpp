@@ -81,20 +81,6 @@ void ToolEmulator::peripheralManagerDidUpdateState(
   TQBleProcess::peripheralManagerDidUpdateState(peripheral);
   const CBManagerState state = peripheral->state();
   post(log_, [state](EmulatorLog& log) { log.state(state); });
-  // The first state report can reach a worker while initStartTQBeacon is
-  // still running on the main thread, before it sets `enabled`: the start it
-  // triggers then publishes nothing and the flag is cleared behind it, so the
-  // emulator would never advertise. Once the report has been handled (this
-  // task runs on the main queue, after the configuring call returned), an
-  // emulator that is powered on but neither started nor publishing is
-  // started the way an application would start it.
-  DispatchQueue::main()->async([weak = weak_from_this(), state] {
-    auto self = weak.lock();
-    if (!self || state != CBManagerState::PoweredOn) return;
-    if (!self->is_TQBeaconState() && !self->customService() && self->enabled()) {
-      self->StartTQBeacon();
-    }
-  });
 }
 
 void ToolEmulator::peripheralManagerDidStartAdvertising(
