@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <iostream>
@@ -20,27 +21,13 @@
 
 namespace lumora::test {
 
+using namespace std::chrono_literals;
+
 struct CentralRecorder final : radio::CentralEvents {
-  struct Services {
-    radio::PeripheralId peripheral;
-    std::vector<radio::RemoteService> services;
-    std::optional<Error> error;
-  };
-  struct Characteristics {
-    radio::PeripheralId peripheral;
-    radio::AttHandle service;
-    std::vector<radio::RemoteCharacteristic> characteristics;
-    std::optional<Error> error;
-  };
+  /// A value update or a write's outcome (no value).
   struct Value {
-    radio::PeripheralId peripheral;
     radio::AttHandle handle;
     Data value;
-    std::optional<Error> error;
-  };
-  struct Written {
-    radio::PeripheralId peripheral;
-    radio::AttHandle handle;
     std::optional<Error> error;
   };
 
@@ -49,10 +36,10 @@ struct CentralRecorder final : radio::CentralEvents {
   std::vector<radio::PeripheralId> connected;
   std::vector<std::pair<radio::PeripheralId, Error>> failed;
   std::vector<std::pair<radio::PeripheralId, std::optional<Error>>> disconnected;
-  std::vector<Services> services;
-  std::vector<Characteristics> characteristics;
+  std::vector<std::pair<std::vector<radio::RemoteService>, std::optional<Error>>> services;
+  std::vector<std::vector<radio::RemoteCharacteristic>> characteristics;
   std::vector<Value> values;
-  std::vector<Written> written;
+  std::vector<Value> written;
 
   void radioStateChanged(CBManagerState state) override { states.push_back(state); }
   void radioDiscovered(const radio::AdvertisingReport& report) override {
@@ -65,35 +52,33 @@ struct CentralRecorder final : radio::CentralEvents {
   void radioDisconnected(const radio::PeripheralId& p, const std::optional<Error>& error) override {
     disconnected.emplace_back(p, error);
   }
-  void radioServicesDiscovered(const radio::PeripheralId& p,
+  void radioServicesDiscovered(const radio::PeripheralId&,
                                const std::vector<radio::RemoteService>& list,
                                const std::optional<Error>& error) override {
-    services.push_back({p, list, error});
+    services.emplace_back(list, error);
   }
-  void radioCharacteristicsDiscovered(const radio::PeripheralId& p, radio::AttHandle service,
+  void radioCharacteristicsDiscovered(const radio::PeripheralId&, radio::AttHandle,
                                       const std::vector<radio::RemoteCharacteristic>& list,
-                                      const std::optional<Error>& error) override {
-    characteristics.push_back({p, service, list, error});
+                                      const std::optional<Error>&) override {
+    characteristics.push_back(list);
   }
-  void radioValueUpdated(const radio::PeripheralId& p, radio::AttHandle handle, const Data& value,
+  void radioValueUpdated(const radio::PeripheralId&, radio::AttHandle handle, const Data& value,
                          const std::optional<Error>& error) override {
-    values.push_back({p, handle, value, error});
+    values.push_back({handle, value, error});
   }
-  void radioValueWritten(const radio::PeripheralId& p, radio::AttHandle handle,
+  void radioValueWritten(const radio::PeripheralId&, radio::AttHandle handle,
                          const std::optional<Error>& error) override {
-    written.push_back({p, handle, error});
+    written.push_back({handle, std::nullopt, error});
   }
 
   std::size_t reportsFrom(const std::string& address) const {
-    std::size_t n = 0;
-    for (const auto& r : reports) n += r.address == address ? 1 : 0;
-    return n;
+    return std::count_if(reports.begin(), reports.end(),
+                         [&](const auto& r) { return r.address == address; });
   }
   const radio::AdvertisingReport* lastFrom(const std::string& address) const {
-    for (auto it = reports.rbegin(); it != reports.rend(); ++it) {
-      if (it->address == address) return &*it;
-    }
-    return nullptr;
+    auto it = std::find_if(reports.rbegin(), reports.rend(),
+                           [&](const auto& r) { return r.address == address; });
+    return it == reports.rend() ? nullptr : &*it;
   }
 };
 
@@ -127,6 +112,30 @@ inline const char* beaconPayloadHex() {
   return "0215e2c56db5dffb48d2b060d0f5a71096e000010002c5";
 }
 
+inline constexpr const char* kBeacon = "AA:BB:CC:DD:EE:01";
+inline constexpr const char* kFF0C = "0000ff0c-0000-1000-8000-00805f9b34fb";
+inline constexpr radio::ServiceToken kToken = 7;
+
+/// The emulator's service: FF0C written by centrals, FFCC read from the
+/// manager, plus FFCD with a value the radio serves itself.
+inline radio::LocalService customService() {
+  return {CBUUID::UUIDWithString("FFF0"),
+          true,
+          {{CBUUID::UUIDWithString("FF0C"), CBCharacteristicPropertyWrite,
+            CBAttributePermissionsWriteable, std::nullopt},
+           {CBUUID::UUIDWithString("FFCC"), CBCharacteristicPropertyRead,
+            CBAttributePermissionsReadable, std::nullopt},
+           {CBUUID::UUIDWithString("FFCD"), CBCharacteristicPropertyRead,
+            CBAttributePermissionsReadable, Bytes{1, 2, 3}}}};
+}
+
+inline CBAdvertisementData beaconAdvertisement(const char* name = "12") {
+  CBAdvertisementData ad;
+  ad.localName = name;
+  ad.manufacturerData = beaconFrame();
+  return ad;
+}
+
 class BlueZTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -148,28 +157,75 @@ class BlueZTest : public ::testing::Test {
     bluez = std::make_unique<MockBluez>(config);
     backend = bluez::makeBackend(options);
   }
-
   void openCentral() { central = backend->openCentral(centralEvents); }
   void openPeripheral() { peripheral = backend->openPeripheral(peripheralEvents); }
 
+  /// Tells the stand-in's air about an advertiser (see SetAdvertiser there).
+  void addDevice(const nlohmann::json& device) {
+    bluez->call("SetAdvertiser", std::string("hci0"), device.dump());
+  }
+  /// Scans until `address` is heard, then links to it.
+  void connectTo(const std::string& address) {
+    central->startScan({});
+    ASSERT_TRUE(until([&] { return centralEvents->reportsFrom(address) > 0; }));
+    central->stopScan();
+    const auto before = centralEvents->connected.size();
+    central->connect(address);
+    ASSERT_TRUE(until([&] { return centralEvents->connected.size() > before; }));
+    EXPECT_EQ(centralEvents->connected.back(), address);
+  }
+
   /// Runs the main loop until `done` (a failure bound, not a pause).
-  static bool until(const std::function<bool()>& done,
-                    std::chrono::milliseconds bound = std::chrono::seconds(5)) {
+  static bool until(const std::function<bool()>& done, std::chrono::milliseconds bound = 5s) {
     return RunLoop::main().runUntil(done, bound);
   }
   /// For conditions only the stand-in can tell: runs the loop in short
   /// slices, asking in between.
-  static bool eventually(const std::function<bool()>& done,
-                         std::chrono::milliseconds bound = std::chrono::seconds(5)) {
+  static bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 5s) {
     const auto deadline = std::chrono::steady_clock::now() + bound;
     while (!done()) {
       if (std::chrono::steady_clock::now() > deadline) return false;
-      RunLoop::main().runFor(std::chrono::milliseconds(10));
+      RunLoop::main().runFor(10ms);
     }
     return true;
   }
+  /// Runs the loop until the last state the central session (and the
+  /// peripheral one, when open) reported is `state`.
+  bool bothEndIn(CBManagerState state) {
+    return until([&] {
+      const auto endsIn = [&](const auto& s) { return !s.empty() && s.back() == state; };
+      return endsIn(centralEvents->states) && (!peripheral || endsIn(peripheralEvents->states));
+    });
+  }
 
   nlohmann::json hci0() { return bluez->state()["adapters"]["hci0"]; }
+
+  /// Publishes customService() as kToken.
+  void publish() {
+    peripheral->addService(kToken, customService());
+    ASSERT_TRUE(until([&] { return !peripheralEvents->added.empty(); }));
+    ASSERT_EQ(peripheralEvents->added[0], std::pair(kToken, std::optional<Error>()));
+  }
+  void advertise(const CBAdvertisementData& ad) {
+    const auto before = peripheralEvents->advertising.size();
+    peripheral->startAdvertising(ad);
+    ASSERT_TRUE(until([&] { return peripheralEvents->advertising.size() > before; }));
+  }
+  /// The stand-in's remote central writes `value` to the published `uuid`;
+  /// waitForOp() tells how bluetoothd saw the answer.
+  std::uint32_t remoteWrite(const char* uuid, const Bytes& value) {
+    return bluez->ask<std::uint32_t>("RemoteWrite", std::string("hci0"), std::string(uuid),
+                                     std::vector<std::uint8_t>(value), std::uint16_t{0},
+                                     std::uint16_t{185});
+  }
+  nlohmann::json waitForOp(std::uint32_t op) {
+    nlohmann::json result;
+    EXPECT_TRUE(eventually([&] {
+      result = bluez->state()["ops"][std::to_string(op)];
+      return result["done"] == true;
+    }));
+    return result;
+  }
 
   std::unique_ptr<MockBluez> bluez;
   std::shared_ptr<radio::Backend> backend;

@@ -9,9 +9,6 @@
 namespace lumora::test {
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr const char* kBeacon = "AA:BB:CC:DD:EE:01";
 constexpr const char* kOther = "AA:BB:CC:DD:EE:02";
 constexpr const char* kCharFF0C = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01/service000a/char000b";
 constexpr const char* kCharFFCC = "/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01/service000a/char000d";
@@ -41,31 +38,20 @@ nlohmann::json beaconDevice(const std::string& connect = "accept") {
 
 class CentralTest : public BlueZTest {
  protected:
-  void addDevice(const nlohmann::json& device) {
-    bluez->call("SetAdvertiser", std::string("hci0"), device.dump());
-  }
-
-  // Scans until `address` is heard, then links to it.
-  void connectTo(const std::string& address) {
-    central->startScan({});
-    ASSERT_TRUE(until([&] { return centralEvents->reportsFrom(address) > 0; }));
-    central->stopScan();
-    central->connect(address);
-    ASSERT_TRUE(until([&] { return !centralEvents->connected.empty(); }));
-    EXPECT_EQ(centralEvents->connected.front(), address);
+  void startCentral(bluez::Options options = {}) {
+    start({}, options);
+    openCentral();
   }
 };
 
 TEST_F(CentralTest, ReportsCarryNameManufacturerDataAndRssi) {
-  start();
-  openCentral();
+  startCentral();
   addDevice(beaconDevice());
   addDevice({{"address", kOther}, {"rssi", -80}});
   central->startScan({});
   ASSERT_TRUE(until([&] {
     return centralEvents->reportsFrom(kBeacon) > 0 && centralEvents->reportsFrom(kOther) > 0;
   }));
-
   const auto* beacon = centralEvents->lastFrom(kBeacon);
   EXPECT_EQ(beacon->advertisement.localName, std::optional<std::string>("12"));
   EXPECT_EQ(beacon->advertisement.manufacturerData, Data(beaconFrame()));
@@ -75,7 +61,6 @@ TEST_F(CentralTest, ReportsCarryNameManufacturerDataAndRssi) {
   EXPECT_EQ(other->advertisement.localName, std::nullopt);
   EXPECT_EQ(other->advertisement.manufacturerData, std::nullopt);
   EXPECT_EQ(other->rssi, -80);
-
   // Always an LE filter, so that non-discoverable beacons are reported.
   const auto filters = hci0()["filters"];
   ASSERT_FALSE(filters.empty());
@@ -85,7 +70,6 @@ TEST_F(CentralTest, ReportsCarryNameManufacturerDataAndRssi) {
   // A later report follows the signal.
   addDevice({{"address", kBeacon}, {"rssi", -71}});
   ASSERT_TRUE(until([&] { return centralEvents->lastFrom(kBeacon)->rssi == -71; }));
-
   central->stopScan();
   EXPECT_TRUE(eventually([&] {
     const auto s = hci0();
@@ -94,8 +78,7 @@ TEST_F(CentralTest, ReportsCarryNameManufacturerDataAndRssi) {
 }
 
 TEST_F(CentralTest, ServiceFilteredScanAsksBluezAndDropsOtherAdvertisers) {
-  start();
-  openCentral();
+  startCentral();
   addDevice({{"address", kBeacon}, {"rssi", -50}, {"uuids", {uuid16("180f")}}});
   addDevice({{"address", kOther}, {"rssi", -50}});
   radio::ScanParameters scan;
@@ -110,43 +93,39 @@ TEST_F(CentralTest, ServiceFilteredScanAsksBluezAndDropsOtherAdvertisers) {
   EXPECT_EQ(filter["DuplicateData"], true);
 }
 
-TEST_F(CentralTest, LinkServicesReadWriteNotifyAndCancel) {
-  start();
-  openCentral();
+TEST_F(CentralTest, LinkServicesReadWriteNotifyFailuresAndCancel) {
+  startCentral();
   addDevice(beaconDevice());
   connectTo(kBeacon);
-
   central->discoverServices(kBeacon, std::nullopt);
   ASSERT_TRUE(until([&] { return !centralEvents->services.empty(); }));
-  const auto& services = centralEvents->services.front();
-  EXPECT_EQ(services.error, std::nullopt);
-  ASSERT_EQ(services.services.size(), 1u);
-  EXPECT_EQ(services.services[0].handle, 0x000a);
-  EXPECT_EQ(services.services[0].uuid, CBUUID::UUIDWithString("FFF0"));
-  EXPECT_TRUE(services.services[0].primary);
+  const auto& [services, servicesError] = centralEvents->services.front();
+  EXPECT_EQ(servicesError, std::nullopt);
+  ASSERT_EQ(services.size(), 1u);
+  EXPECT_EQ(services[0].handle, 0x000a);
+  EXPECT_EQ(services[0].uuid, CBUUID::UUIDWithString("FFF0"));
+  EXPECT_TRUE(services[0].primary);
 
   central->discoverCharacteristics(kBeacon, 0x000a, std::nullopt);
   ASSERT_TRUE(until([&] { return !centralEvents->characteristics.empty(); }));
   const auto& chars = centralEvents->characteristics.front();
-  ASSERT_EQ(chars.characteristics.size(), 2u);
-  EXPECT_EQ(chars.characteristics[0].handle, 0x000b);
-  EXPECT_EQ(chars.characteristics[0].uuid, CBUUID::UUIDWithString("FF0C"));
-  EXPECT_EQ(chars.characteristics[0].properties, CBCharacteristicPropertyWrite);
-  EXPECT_EQ(chars.characteristics[1].handle, 0x000d);
-  EXPECT_EQ(chars.characteristics[1].properties,
-            CBCharacteristicPropertyRead | CBCharacteristicPropertyNotify);
+  ASSERT_EQ(chars.size(), 2u);
+  EXPECT_EQ(chars[0].handle, 0x000b);
+  EXPECT_EQ(chars[0].uuid, CBUUID::UUIDWithString("FF0C"));
+  EXPECT_EQ(chars[0].properties, CBCharacteristicPropertyWrite);
+  EXPECT_EQ(chars[1].handle, 0x000d);
+  EXPECT_EQ(chars[1].properties, CBCharacteristicPropertyRead | CBCharacteristicPropertyNotify);
 
   central->write(kBeacon, 0x000b, Bytes{1, 2, 3}, true);
-  ASSERT_TRUE(until([&] { return !centralEvents->written.empty(); }));
+  central->read(kBeacon, 0x000d);
+  ASSERT_TRUE(
+      until([&] { return !centralEvents->written.empty() && !centralEvents->values.empty(); }));
   EXPECT_EQ(centralEvents->written[0].handle, 0x000b);
   EXPECT_EQ(centralEvents->written[0].error, std::nullopt);
   const auto writes = hci0()["writes"][kCharFF0C];
   ASSERT_EQ(writes.size(), 1u);
   EXPECT_EQ(writes[0]["value"], "010203");
   EXPECT_EQ(writes[0]["options"]["type"], "request");
-
-  central->read(kBeacon, 0x000d);
-  ASSERT_TRUE(until([&] { return !centralEvents->values.empty(); }));
   EXPECT_EQ(centralEvents->values[0].handle, 0x000d);
   EXPECT_EQ(centralEvents->values[0].value, Data(Bytes{1, 2}));
 
@@ -159,67 +138,50 @@ TEST_F(CentralTest, LinkServicesReadWriteNotifyAndCancel) {
   EXPECT_EQ(centralEvents->values[1].value, Data(Bytes{9, 9}));
   EXPECT_EQ(centralEvents->values.size(), 2u);
 
-  central->cancelConnection(kBeacon);
-  ASSERT_TRUE(until([&] { return !centralEvents->disconnected.empty(); }));
-  EXPECT_EQ(centralEvents->disconnected[0].first, kBeacon);
-  EXPECT_EQ(centralEvents->disconnected[0].second, std::nullopt);
-  EXPECT_EQ(hci0()["disconnectCalls"], 1);
-}
-
-TEST_F(CentralTest, GattFailuresArriveAsAttErrors) {
-  start();
-  openCentral();
-  addDevice(beaconDevice());
-  connectTo(kBeacon);
-  central->discoverServices(kBeacon, std::nullopt);
-  ASSERT_TRUE(until([&] { return !centralEvents->services.empty(); }));
-  central->discoverCharacteristics(kBeacon, 0x000a, std::nullopt);
-  ASSERT_TRUE(until([&] { return !centralEvents->characteristics.empty(); }));
-
+  // GATT failures arrive as ATT errors, an unknown handle as a link-layer one.
   bluez->call("SetCharacteristicError", std::string(kCharFFCC), std::string("read"),
               std::string("org.bluez.Error.NotPermitted"), std::string("Read not permitted"));
   bluez->call("SetCharacteristicError", std::string(kCharFF0C), std::string("write"),
               std::string("org.bluez.Error.Failed"),
               std::string("Operation failed with ATT error: 0x81"));
+  centralEvents->values.clear();
+  centralEvents->written.clear();
   central->read(kBeacon, 0x000d);
   central->write(kBeacon, 0x000b, Bytes{1}, true);
-  central->read(kBeacon, 0x0042);  // no such characteristic
+  central->read(kBeacon, 0x0042);
   ASSERT_TRUE(until(
       [&] { return centralEvents->values.size() == 2 && centralEvents->written.size() == 1; }));
-
-  std::map<radio::AttHandle, std::optional<Error>> readErrors;
+  std::map<radio::AttHandle, std::pair<std::string, int>> errors;
   for (const auto& v : centralEvents->values) {
     EXPECT_EQ(v.value, std::nullopt);
-    readErrors[v.handle] = v.error;
+    ASSERT_TRUE(v.error);
+    errors[v.handle] = {v.error->domain, v.error->code};
   }
-  const auto& denied = readErrors[0x000d];
-  ASSERT_TRUE(denied);
-  EXPECT_EQ(denied->domain, CBATTErrorDomain);
-  EXPECT_EQ(denied->code, static_cast<int>(CBATTError::ReadNotPermitted));
-  const auto& unknown = readErrors[0x0042];
-  ASSERT_TRUE(unknown);
-  EXPECT_EQ(unknown->domain, CBErrorDomain);
-  EXPECT_EQ(unknown->code, static_cast<int>(CBError::InvalidHandle));
-  const auto& writeError = centralEvents->written[0].error;
-  ASSERT_TRUE(writeError);
-  EXPECT_EQ(writeError->domain, CBATTErrorDomain);
-  EXPECT_EQ(writeError->code, 0x81);
+  ASSERT_TRUE(centralEvents->written[0].error);
+  errors[0x000b] = {centralEvents->written[0].error->domain, centralEvents->written[0].error->code};
+  EXPECT_EQ(errors,
+            (std::map<radio::AttHandle, std::pair<std::string, int>>{
+                {0x000b, {CBATTErrorDomain, 0x81}},
+                {0x000d, {CBATTErrorDomain, static_cast<int>(CBATTError::ReadNotPermitted)}},
+                {0x0042, {CBErrorDomain, static_cast<int>(CBError::InvalidHandle)}}}));
+
+  central->cancelConnection(kBeacon);
+  ASSERT_TRUE(until([&] { return !centralEvents->disconnected.empty(); }));
+  EXPECT_EQ(centralEvents->disconnected[0],
+            std::pair(std::string(kBeacon), std::optional<Error>()));
+  EXPECT_EQ(hci0()["disconnectCalls"], 1);
 }
 
 TEST_F(CentralTest, ConnectionFailures) {
-  struct Case {
+  const struct {
     const char* behaviour;
     CBError code;
     bool cancelsAttempt;  // Disconnect is how BlueZ is told to give up
-  };
-  const Case cases[] = {
-      {"ignore", CBError::ConnectionTimeout, true},
-      {"refuse", CBError::ConnectionFailed, false},
-  };
+  } cases[] = {{"ignore", CBError::ConnectionTimeout, true},
+               {"refuse", CBError::ConnectionFailed, false}};
   bluez::Options options;
   options.connectTimeout = 200ms;
-  start({}, options);
-  openCentral();
+  startCentral(options);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.behaviour);
     centralEvents->failed.clear();
@@ -238,7 +200,6 @@ TEST_F(CentralTest, ConnectionFailures) {
     }
     EXPECT_TRUE(centralEvents->connected.empty());
   }
-
   // A peripheral bluetoothd never heard of.
   centralEvents->failed.clear();
   central->connect("AA:BB:CC:DD:EE:99");
@@ -246,9 +207,8 @@ TEST_F(CentralTest, ConnectionFailures) {
   EXPECT_EQ(centralEvents->failed[0].second.code, static_cast<int>(CBError::ConnectionFailed));
 }
 
-TEST_F(CentralTest, DroppedLinkIsADisconnectionWithError) {
-  start();
-  openCentral();
+TEST_F(CentralTest, DroppedLinkIsADisconnectionWithErrorAndClosingEndsEverythingQuietly) {
+  startCentral();
   addDevice(beaconDevice());
   connectTo(kBeacon);
   bluez->call("DropLink", std::string("hci0"), std::string(kBeacon));
@@ -256,27 +216,23 @@ TEST_F(CentralTest, DroppedLinkIsADisconnectionWithError) {
   const auto& error = centralEvents->disconnected[0].second;
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code, static_cast<int>(CBError::PeripheralDisconnected));
-
   // Requests on the dead link fail at once instead of waiting for bluetoothd.
   central->read(kBeacon, 0x000d);
   ASSERT_TRUE(until([&] { return !centralEvents->values.empty(); }));
   EXPECT_EQ(centralEvents->values[0].error->code, static_cast<int>(CBError::NotConnected));
-}
 
-TEST_F(CentralTest, ClosingTheSessionEndsScanAndLinksQuietly) {
-  start();
-  openCentral();
-  addDevice(beaconDevice());
+  // Closing the session ends its scan and links without telling anyone.
   connectTo(kBeacon);
   central->startScan({});
   ASSERT_TRUE(eventually([&] { return hci0()["sessions"].size() == 1; }));
+  const int disconnectsBefore = hci0()["disconnectCalls"];
   central->close();
   EXPECT_TRUE(eventually([&] {
     const auto s = hci0();
-    return s["sessions"].empty() && s["disconnectCalls"] == 1;
+    return s["sessions"].empty() && s["disconnectCalls"] == disconnectsBefore + 1;
   }));
   RunLoop::main().drain();
-  EXPECT_TRUE(centralEvents->disconnected.empty());
+  EXPECT_EQ(centralEvents->disconnected.size(), 1u);
 }
 
 }  // namespace

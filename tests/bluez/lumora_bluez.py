@@ -1,34 +1,12 @@
-'''A scripted bluetoothd (BlueZ 5.66) for the BlueZ backend's tests.
+'''A scripted bluetoothd (BlueZ 5.66) for the BlueZ backend's tests, loaded into
+python3-dbusmock on a private bus (tests/bluez/MockBluez.h starts it):
 
-Load it into python3-dbusmock on a private bus:
-
-    DBUS_SYSTEM_BUS_ADDRESS=unix:path=... /usr/bin/python3 -m dbusmock \
+    DBUS_SYSTEM_BUS_ADDRESS=... /usr/bin/python3 -m dbusmock \
         --template tests/bluez/lumora_bluez.py -l LOG [-p '{"adapters": [...]}']
 
-It owns org.bluez and behaves the way the 5.66 sources read, where the
-backend depends on it:
-- adapters (/org/bluez/hciN) with Powered; powering off ends every discovery
-  session and filter, sets Discovering false and drops every link, while
-  registered advertisements and applications stay;
-- discovery per client (SetDiscoveryFilter, StartDiscovery, StopDiscovery,
-  NotReady while off); while anyone discovers, the advertisers of the "air"
-  are reported: a Device1 object on first sight (InterfacesAdded), then an
-  RSSI change per report, ManufacturerData/Name/UUIDs only when they changed
-  (or always with DuplicateData). Report mode "stream" reports every 20 ms,
-  "once" reports each advertiser once per StartDiscovery (a controller's
-  duplicate filter);
-- Device1.Connect/Disconnect with accept/ignore/refuse behaviours; an
-  accepted link exports the device's GATT database (GattService1 and
-  GattCharacteristic1 objects named serviceXXXX/charYYYY by handle) and then
-  sets ServicesResolved; ReadValue replies and then echoes Value;
-  StartNotify sets Notifying;
-- LEAdvertisingManager1 and GattManager1 that read the registering client's
-  objects back (GetManagedObjects, Properties.GetAll) before they reply, as
-  bluetoothd does, and that can Release advertisements;
-- a remote central that calls the registered applications' ReadValue and
-  WriteValue with the options bluetoothd passes (device, mtu, link, offset).
-
-Control interface org.lumora.BluezMock on "/"; State() returns JSON.
+It behaves the way the 5.66 sources read where the backend depends on it;
+docs/bluez.md lists what it models. Control interface org.lumora.BluezMock on
+"/"; State() returns JSON.
 '''
 
 import json
@@ -54,20 +32,17 @@ GATT_MANAGER = 'org.bluez.GattManager1'
 ADVERTISEMENT = 'org.bluez.LEAdvertisement1'
 PROPS = dbus.PROPERTIES_IFACE
 OM = 'org.freedesktop.DBus.ObjectManager'
-ERR = 'org.bluez.Error.'
 
 REMOTE_CENTRAL = 'C0:FF:EE:00:00:01'
 
-# name -> adapter state
-ADAPTERS = {}
-# remote central operation id -> result
-OPS = {}
+ADAPTERS = {}  # name -> Adapter
+OPS = {}       # remote central operation id -> result
 MOCK = {}
 
 
 class BluezError(dbus.exceptions.DBusException):
     def __init__(self, name, message=''):
-        super().__init__(message, name=ERR + name)
+        super().__init__(message, name='org.bluez.Error.' + name)
 
 
 def hexs(data):
@@ -98,11 +73,6 @@ def byte_array(data):
     return dbus.Array([dbus.Byte(b) for b in data], signature='y')
 
 
-def manufacturer(desc):
-    return dbus.Dictionary({dbus.UInt16(int(k)): byte_array(bytes.fromhex(v))
-                            for k, v in desc.items()}, signature='qv')
-
-
 def bus():
     return MOCK['main'].bus_name.get_bus()
 
@@ -120,62 +90,50 @@ def emit_changed(path, iface, changes):
 
 
 def add_object(path, interfaces, methods):
-    '''interfaces: iface -> props; methods: iface -> {name: handler}.'''
+    '''interfaces: iface -> props; methods: iface -> names of Handlers methods.'''
     main = MOCK['main']
     first = next(iter(interfaces))
     main.AddObject(path, first, interfaces[first], [])
     target = obj(path)
-    for iface, props in interfaces.items():
-        target.props[iface] = props
-    for iface, table in methods.items():
-        for name, fn in table.items():
+    target.props.update(interfaces)
+    for iface, names in methods.items():
+        for name in names:
+            fn = Handlers.__dict__[name]
             target.methods.setdefault(iface, {})[name] = (
                 fn._dbus_in_signature, fn._dbus_out_signature, '', fn)
     main.EmitSignal(OM, 'InterfacesAdded', 'oa{sa{sv}}',
                     [dbus.ObjectPath(path),
                      dbus.Dictionary({k: dbus.Dictionary(v, signature='sv')
                                       for k, v in interfaces.items()}, signature='sa{sv}')])
-    return target
 
 
-def remove_object(path):
-    if path not in mockobject.objects:
-        return
-    interfaces = [i for i in obj(path).props.keys()]
-    MOCK['main'].RemoveObject(path)
-    MOCK['main'].EmitSignal(OM, 'InterfacesRemoved', 'oas',
-                            [dbus.ObjectPath(path), dbus.Array(interfaces, signature='s')])
+def remove_tree(path, keep_root=False):
+    '''Removes everything below `path` (and `path` itself), deepest first.'''
+    for child in sorted([p for p in mockobject.objects if p.startswith(path + '/') or
+                         (p == path and not keep_root)], reverse=True):
+        interfaces = list(obj(child).props.keys())
+        MOCK['main'].RemoveObject(child)
+        MOCK['main'].EmitSignal(OM, 'InterfacesRemoved', 'oas',
+                                [dbus.ObjectPath(child), dbus.Array(interfaces, signature='s')])
 
-
-def dbus_error_of(exc):
-    return {'error': exc.get_dbus_name(), 'message': exc.get_dbus_message() or ''}
-
-
-# --- the air ---------------------------------------------------------------------------
 
 class Adapter:
-    def __init__(self, name, address, peripheral):
-        self.name = name
+    def __init__(self, name):
         self.path = '/org/bluez/' + name
-        self.address = address
-        self.peripheral = peripheral
         self.sessions = {}      # sender -> filter in force
         self.filters = {}       # sender -> last SetDiscoveryFilter
         self.filter_log = []
-        self.start_count = 0
-        self.stop_count = 0
-        self.advertisers = {}   # address -> dict
+        self.start_count = self.stop_count = self.disconnect_calls = 0
+        self.advertisers = {}   # address -> description (see SetAdvertiser)
+        self.last_reported = {}  # address -> description last signalled
         self.reported = set()
         self.mode = 'stream'
         self.timer = None
         self.ads = {}           # (sender, path) -> props
         self.apps = {}          # (sender, root) -> managed objects
         self.pending_connects = {}  # device path -> error callback
-        self.connect_calls = 0
-        self.disconnect_calls = 0
         self.writes = {}        # characteristic path -> [{value, options}]
         self.char_errors = {}   # (path, op) -> (name, message)
-        self.last_reported = {}  # address -> props last signalled
 
     def powered(self):
         return bool(obj(self.path).props[ADAPTER]['Powered'])
@@ -183,10 +141,10 @@ class Adapter:
     def device_path(self, address):
         return self.path + '/dev_' + address.replace(':', '_').upper()
 
-    def duplicates(self):
-        return any(bool(f.get('DuplicateData', False)) for f in self.sessions.values() if f)
+    def set_discovering(self, on):
+        if bool(obj(self.path).props[ADAPTER]['Discovering']) != on:
+            emit_changed(self.path, ADAPTER, {'Discovering': dbus.Boolean(on)})
 
-    # discovery
     def start_reports(self):
         self.reported.clear()
         if self.timer is None:
@@ -202,68 +160,43 @@ class Adapter:
             self.timer = None
             return False
         for address, adv in list(self.advertisers.items()):
-            if not adv.get('advertising', True):
-                continue
-            if self.mode == 'once' and address in self.reported:
-                continue
-            self.reported.add(address)
-            self.report(address, adv)
+            if adv.get('advertising', True) and not (self.mode == 'once' and
+                                                     address in self.reported):
+                self.reported.add(address)
+                self.report(address, adv)
         return True
 
     def report(self, address, adv):
+        '''A Device1 object on first sight, then an RSSI change per report with
+        the data that changed (all of it while anyone asks for DuplicateData).'''
         path = self.device_path(address)
         name = adv.get('name')
-        rssi = dbus.Int16(adv.get('rssi', -60))
-        mdata = manufacturer(adv.get('manufacturer', {}))
+        mdata = dbus.Dictionary({dbus.UInt16(int(k)): byte_array(bytes.fromhex(v))
+                                 for k, v in adv.get('manufacturer', {}).items()}, signature='qv')
         uuids = dbus.Array(adv.get('uuids', []), signature='s')
-        if path not in mockobject.objects:
-            props = {
-                'Address': dbus.String(address),
-                'AddressType': dbus.String('public'),
-                'Alias': dbus.String(name if name else address.replace(':', '-')),
-                'Paired': dbus.Boolean(False),
-                'Trusted': dbus.Boolean(False),
-                'Blocked': dbus.Boolean(False),
-                'LegacyPairing': dbus.Boolean(False),
-                'Connected': dbus.Boolean(False),
-                'ServicesResolved': dbus.Boolean(False),
-                'Adapter': dbus.ObjectPath(self.path),
-                'RSSI': rssi,
-                'UUIDs': uuids,
-            }
-            if name:
-                props['Name'] = dbus.String(name)
-            if adv.get('manufacturer'):
-                props['ManufacturerData'] = mdata
-            if 'txPower' in adv:
-                props['TxPower'] = dbus.Int16(adv['txPower'])
-            add_object(path, {DEVICE: props}, {DEVICE: dict(DEVICE_METHODS)})
-            self.last_reported[address] = dict(adv)
-            return
-        last = self.last_reported.get(address, {})
-        changes = {'RSSI': rssi}
-        if adv.get('manufacturer') and (self.duplicates() or
-                                        adv.get('manufacturer') != last.get('manufacturer')):
-            changes['ManufacturerData'] = mdata
-        if name and name != last.get('name'):
-            changes['Name'] = dbus.String(name)
-            changes['Alias'] = dbus.String(name)
-        if adv.get('uuids', []) != last.get('uuids', []):
-            changes['UUIDs'] = uuids
+        last = self.last_reported.get(address)
         self.last_reported[address] = dict(adv)
-        emit_changed(path, DEVICE, changes)
-
-    # links
-    def connected_devices(self):
-        return [p for p, o in list(mockobject.objects.items())
-                if p.startswith(self.path + '/dev_') and DEVICE in o.props and
-                bool(o.props[DEVICE].get('Connected', False))]
+        changes = {'RSSI': dbus.Int16(adv.get('rssi', -60))}
+        if adv.get('manufacturer') and (last is None or adv['manufacturer'] != last.get(
+                'manufacturer') or any(f and f.get('DuplicateData') for f in self.sessions.values())):
+            changes['ManufacturerData'] = mdata
+        if name and (last is None or name != last.get('name')):
+            changes['Name'] = changes['Alias'] = dbus.String(name)
+        if last is None or adv.get('uuids', []) != last.get('uuids', []):
+            changes['UUIDs'] = uuids
+        if last is not None:
+            emit_changed(path, DEVICE, changes)
+            return
+        # Without a name BlueZ shows the address, dashed, as the alias.
+        changes.setdefault('Alias', dbus.String(address.replace(':', '-')))
+        changes.update({'Address': dbus.String(address), 'Connected': dbus.Boolean(False),
+                        'ServicesResolved': dbus.Boolean(False)})
+        if 'txPower' in adv:
+            changes['TxPower'] = dbus.Int16(adv['txPower'])
+        add_object(path, {DEVICE: changes}, {DEVICE: ('Connect', 'Disconnect')})
 
     def drop_link(self, path):
-        prefix = path + '/'
-        for child in sorted([p for p in mockobject.objects if p.startswith(prefix)],
-                            reverse=True):
-            remove_object(child)
+        remove_tree(path, keep_root=True)
         emit_changed(path, DEVICE, {'ServicesResolved': dbus.Boolean(False)})
         emit_changed(path, DEVICE, {'Connected': dbus.Boolean(False)})
 
@@ -272,59 +205,52 @@ class Adapter:
             return False
         for svc in self.advertisers.get(address, {}).get('gatt', []):
             spath = '%s/service%04x' % (path, svc['handle'])
-            add_object(spath, {SERVICE: {
-                'UUID': dbus.String(svc['uuid']),
-                'Primary': dbus.Boolean(svc.get('primary', True)),
-                'Device': dbus.ObjectPath(path),
-            }}, {})
+            add_object(spath, {SERVICE: {'UUID': dbus.String(svc['uuid']),
+                                         'Primary': dbus.Boolean(svc.get('primary', True)),
+                                         'Device': dbus.ObjectPath(path)}}, {})
             for ch in svc.get('characteristics', []):
-                cpath = '%s/char%04x' % (spath, ch['handle'])
-                add_object(cpath, {CHRC: {
+                add_object('%s/char%04x' % (spath, ch['handle']), {CHRC: {
                     'UUID': dbus.String(ch['uuid']),
                     'Service': dbus.ObjectPath(spath),
                     'Flags': dbus.Array(ch.get('flags', ['read']), signature='s'),
                     'Value': byte_array(bytes.fromhex(ch.get('value', ''))),
                     'Notifying': dbus.Boolean(False),
-                }}, {CHRC: dict(CHRC_METHODS)})
+                }}, {CHRC: ('ReadValue', 'WriteValue', 'StartNotify', 'StopNotify')})
         emit_changed(path, DEVICE, {'ServicesResolved': dbus.Boolean(True)})
         return False
 
     def set_powered(self, powered):
-        if powered == self.powered():
+        adapter = obj(self.path).props[ADAPTER]
+        if powered == bool(adapter['Powered']):
             return
-        adapter = obj(self.path)
         if not powered:
             # adapter_stop: discovery sessions and filters go, then every link.
             self.sessions.clear()
             self.filters.clear()
             self.stop_reports()
-            if adapter.props[ADAPTER]['Discovering']:
-                emit_changed(self.path, ADAPTER, {'Discovering': dbus.Boolean(False)})
-            for path, fail in list(self.pending_connects.items()):
+            self.set_discovering(False)
+            for fail in self.pending_connects.values():
                 fail(BluezError('Failed', 'le-connection-abort-by-local'))
             self.pending_connects.clear()
-            for path in self.connected_devices():
-                self.drop_link(path)
+            for path, o in list(mockobject.objects.items()):
+                if path.startswith(self.path + '/dev_') and o.props.get(DEVICE, {}).get('Connected'):
+                    self.drop_link(path)
         changes = {'Powered': dbus.Boolean(powered)}
-        if 'PowerState' in adapter.props[ADAPTER]:
+        if 'PowerState' in adapter:
             changes['PowerState'] = dbus.String('on' if powered else 'off')
         emit_changed(self.path, ADAPTER, changes)
 
     def state(self):
         return {
-            'powered': self.powered(),
-            'discovering': bool(obj(self.path).props[ADAPTER]['Discovering']),
             'sessions': {k: plain(v) if v else None for k, v in self.sessions.items()},
             'filters': self.filter_log,
             'startCount': self.start_count,
             'stopCount': self.stop_count,
-            'connectCalls': self.connect_calls,
             'disconnectCalls': self.disconnect_calls,
-            'ads': [{'sender': s, 'path': p, 'props': plain(v)}
-                    for (s, p), v in self.ads.items()],
+            'ads': [{'sender': s, 'path': p, 'props': plain(v)} for (s, p), v in self.ads.items()],
             'apps': [{'sender': s, 'root': r, 'objects': plain(v)}
                      for (s, r), v in self.apps.items()],
-            'writes': {k: v for k, v in self.writes.items()},
+            'writes': self.writes,
         }
 
 
@@ -335,17 +261,16 @@ def adapter_of(path):
     raise BluezError('DoesNotExist', 'No such adapter')
 
 
-# --- methods of bluetoothd's objects ---------------------------------------------------------
-# Kept in a class body so that dbusmock does not also attach them to "/".
-
 class Handlers:
+    '''Methods of bluetoothd's objects, kept in a class body so that dbusmock
+    does not also attach them to "/".'''
+
     # Adapter1
     @dbus.service.method(ADAPTER, in_signature='a{sv}', out_signature='',
                          sender_keyword='sender')
     def SetDiscoveryFilter(self, filter, sender=None):
         adapter = adapter_of(self.path)
-        transport = str(filter.get('Transport', 'auto'))
-        if transport not in ('auto', 'le', 'bredr'):
+        if str(filter.get('Transport', 'auto')) not in ('auto', 'le', 'bredr'):
             raise BluezError('InvalidArguments', 'Invalid arguments in method call')
         adapter.filters[sender] = dict(filter)
         adapter.filter_log.append(plain(filter))
@@ -361,8 +286,7 @@ class Handlers:
             raise BluezError('InProgress', 'Operation already in progress')
         adapter.sessions[sender] = adapter.filters.get(sender)
         adapter.start_count += 1
-        if not self.props[ADAPTER]['Discovering']:
-            emit_changed(self.path, ADAPTER, {'Discovering': dbus.Boolean(True)})
+        adapter.set_discovering(True)
         adapter.start_reports()
 
     @dbus.service.method(ADAPTER, in_signature='', out_signature='', sender_keyword='sender')
@@ -375,14 +299,13 @@ class Handlers:
         adapter.stop_count += 1
         if not adapter.sessions:
             adapter.stop_reports()
-            emit_changed(self.path, ADAPTER, {'Discovering': dbus.Boolean(False)})
+            adapter.set_discovering(False)
 
     # Device1
     @dbus.service.method(DEVICE, in_signature='', out_signature='',
                          async_callbacks=('ok', 'err'))
     def Connect(self, ok=None, err=None):
         adapter = adapter_of(self.path)
-        adapter.connect_calls += 1
         address = str(self.props[DEVICE]['Address'])
         behaviour = adapter.advertisers.get(address, {}).get('connect', 'accept')
         if not adapter.powered():
@@ -407,23 +330,21 @@ class Handlers:
         pending = adapter.pending_connects.pop(self.path, None)
         if pending is not None:
             pending(BluezError('Failed', 'le-connection-abort-by-local'))
-            return
-        if not self.props[DEVICE]['Connected']:
+        elif not self.props[DEVICE]['Connected']:
             raise BluezError('NotConnected', 'Not Connected')
-        adapter.drop_link(self.path)
+        else:
+            adapter.drop_link(self.path)
 
     # GattCharacteristic1 (remote)
     @dbus.service.method(CHRC, in_signature='a{sv}', out_signature='ay',
                          async_callbacks=('ok', 'err'))
     def ReadValue(self, options, ok=None, err=None):
-        adapter = adapter_of(self.path)
-        failure = adapter.char_errors.get((self.path, 'read'))
+        failure = adapter_of(self.path).char_errors.get((self.path, 'read'))
         if failure:
             err(dbus.exceptions.DBusException(failure[1], name=failure[0]))
             return
-        offset = int(options.get('offset', 0))
         value = bytes(int(b) for b in self.props[CHRC]['Value'])
-        ok(byte_array(value[offset:]))
+        ok(byte_array(value[int(options.get('offset', 0)):]))
         # bluetoothd refreshes its cached Value after every read.
         emit_changed(self.path, CHRC, {'Value': byte_array(value)})
 
@@ -445,7 +366,8 @@ class Handlers:
     def StopNotify(self):
         emit_changed(self.path, CHRC, {'Notifying': dbus.Boolean(False)})
 
-    # LEAdvertisingManager1
+    # LEAdvertisingManager1 and GattManager1: as bluetoothd's GDBusClient, they
+    # read the client's objects back (ObjectManager first) before replying.
     @dbus.service.method(ADV_MANAGER, in_signature='oa{sv}', out_signature='',
                          sender_keyword='sender', async_callbacks=('ok', 'err'))
     def RegisterAdvertisement(self, path, options, sender=None, ok=None, err=None):
@@ -454,36 +376,25 @@ class Handlers:
         if key in adapter.ads:
             err(BluezError('AlreadyExists', 'Already Exists'))
             return
-        if len(adapter.ads) >= int(self.props[ADV_MANAGER]['SupportedInstances']):
-            err(BluezError('NotPermitted', 'Maximum advertisements reached'))
-            return
 
         def got_props(props):
             if not valid_advertisement(props):
                 err(BluezError('Failed', 'Failed to parse advertisement.'))
                 return
             adapter.ads[key] = props
-            emit_changed(self.path, ADV_MANAGER,
-                         {'ActiveInstances': dbus.Byte(len(adapter.ads))})
             ok()
 
         def get_all(*_):
-            bus().call_async(sender, path, PROPS, 'GetAll', 's', [ADVERTISEMENT],
-                             got_props, lambda e: err(BluezError('Failed', 'Failed to parse advertisement.')))
+            bus().call_async(sender, path, PROPS, 'GetAll', 's', [ADVERTISEMENT], got_props,
+                             lambda e: err(BluezError('Failed', 'Failed to parse advertisement.')))
 
-        # As bluetoothd's GDBusClient: ObjectManager first, then the properties.
         bus().call_async(sender, path, OM, 'GetManagedObjects', '', [], get_all, get_all)
 
     @dbus.service.method(ADV_MANAGER, in_signature='o', out_signature='', sender_keyword='sender')
     def UnregisterAdvertisement(self, path, sender=None):
-        adapter = adapter_of(self.path)
-        key = (str(sender), str(path))
-        if key not in adapter.ads:
+        if adapter_of(self.path).ads.pop((str(sender), str(path)), None) is None:
             raise BluezError('DoesNotExist', 'Does Not Exist')
-        del adapter.ads[key]
-        emit_changed(self.path, ADV_MANAGER, {'ActiveInstances': dbus.Byte(len(adapter.ads))})
 
-    # GattManager1
     @dbus.service.method(GATT_MANAGER, in_signature='oa{sv}', out_signature='',
                          sender_keyword='sender', async_callbacks=('ok', 'err'))
     def RegisterApplication(self, root, options, sender=None, ok=None, err=None):
@@ -498,7 +409,7 @@ class Handlers:
             if not services:
                 err(BluezError('Failed', 'No valid service object found'))
                 return
-            for path, interfaces in objects.items():
+            for interfaces in objects.values():
                 chrc = interfaces.get(CHRC)
                 if chrc is not None and ('UUID' not in chrc or 'Flags' not in chrc or
                                          str(chrc.get('Service')) not in services):
@@ -512,16 +423,8 @@ class Handlers:
 
     @dbus.service.method(GATT_MANAGER, in_signature='o', out_signature='', sender_keyword='sender')
     def UnregisterApplication(self, root, sender=None):
-        adapter = adapter_of(self.path)
-        key = (str(sender), str(root))
-        if key not in adapter.apps:
+        if adapter_of(self.path).apps.pop((str(sender), str(root)), None) is None:
             raise BluezError('DoesNotExist', 'Does Not Exist')
-        del adapter.apps[key]
-
-
-DEVICE_METHODS = {n: Handlers.__dict__[n] for n in ('Connect', 'Disconnect')}
-CHRC_METHODS = {n: Handlers.__dict__[n]
-                for n in ('ReadValue', 'WriteValue', 'StartNotify', 'StopNotify')}
 
 
 def valid_advertisement(props):
@@ -529,110 +432,92 @@ def valid_advertisement(props):
     if str(props.get('Type', '')) not in ('peripheral', 'broadcast'):
         return False
     length = 3 if str(props['Type']) == 'peripheral' else 0  # kernel-managed Flags
-    for _, data in props.get('ManufacturerData', {}).items():
-        length += 4 + len(data)
+    length += sum(4 + len(data) for data in props.get('ManufacturerData', {}).values())
     sizes = {}
-    for uuid in props.get('ServiceUUIDs', []):
-        text = str(uuid)
-        size = 2 if len(text) == 4 or (len(text) == 36 and text.endswith(
-            '-0000-1000-8000-00805f9b34fb') and text.startswith('0000')) else 16
-        sizes[size] = sizes.get(size, 0) + size
-    for total in sizes.values():
-        length += 2 + total
+    for uuid in map(str, props.get('ServiceUUIDs', [])):
+        short = len(uuid) == 4 or (len(uuid) == 36 and uuid.startswith('0000') and
+                                   uuid.endswith('-0000-1000-8000-00805f9b34fb'))
+        sizes[2 if short else 16] = sizes.get(2 if short else 16, 0) + (2 if short else 16)
+    length += sum(2 + total for total in sizes.values())
     if 'tx-power' in [str(i) for i in props.get('Includes', [])]:
         length += 3
     return length <= 31
 
 
-def find_app_characteristic(adapter, uuid):
-    for (sender, _), objects in adapter.apps.items():
-        for path, interfaces in objects.items():
-            chrc = interfaces.get(CHRC)
-            if chrc is not None and str(chrc['UUID']).lower() == uuid.lower():
-                return sender, path
-    raise BluezError('DoesNotExist', 'No registered characteristic ' + uuid)
+def remote_call(name, uuid, method, signature, args, result):
+    '''The remote central calls `method` of the registered characteristic
+    with `uuid`; the returned op records the outcome.'''
+    found = [(s, p) for (s, _), objects in ADAPTERS[name].apps.items()
+             for p, i in objects.items()
+             if CHRC in i and str(i[CHRC]['UUID']).lower() == str(uuid).lower()]
+    if not found:
+        raise BluezError('DoesNotExist', 'No registered characteristic ' + uuid)
+    return start_op(found[0][0], found[0][1], CHRC, method, signature, args, result)
 
 
-def remote_options(adapter, offset, mtu):
-    options = {'device': dbus.ObjectPath(adapter.device_path(REMOTE_CENTRAL)),
+def remote_options(name, offset, mtu):
+    options = {'device': dbus.ObjectPath(ADAPTERS[name].device_path(REMOTE_CENTRAL)),
                'mtu': dbus.UInt16(mtu), 'link': dbus.String('LE')}
     if offset:
         options['offset'] = dbus.UInt16(offset)
     return dbus.Dictionary(options, signature='sv')
 
 
-def start_op():
+def start_op(owner, path, iface, method, signature, args, result):
+    '''An asynchronous call (the owner may be the test process itself).'''
     op = len(OPS) + 1
     OPS[op] = {'done': False}
+
+    def finish(outcome):
+        OPS[op] = dict(outcome, done=True)
+    bus().call_async(owner, path, iface, method, signature, args,
+                     lambda *reply: finish(result(*reply)),
+                     lambda e: finish({'error': e.get_dbus_name(),
+                                       'message': e.get_dbus_message() or ''}))
     return op
-
-
-def finish_op(op, result):
-    OPS[op] = dict(result, done=True)
 
 
 # --- control interface (org.lumora.BluezMock on "/") ---------------------------------------
 
-def make_adapter(name, address, powered, peripheral, extra):
+def make_adapter(desc):
+    '''{"name", "address", "powered", "peripheral", "props": {"PowerState", "Roles"}}.'''
+    name = desc['name']
     if name in ADAPTERS:
         raise BluezError('AlreadyExists', 'adapter exists')
-    adapter = Adapter(name, address, peripheral)
+    peripheral = desc.get('peripheral', True)
     props = {
-        'Address': dbus.String(address),
-        'AddressType': dbus.String('public'),
-        'Name': dbus.String('lumora-' + name),
-        'Alias': dbus.String('lumora-' + name),
-        'Class': dbus.UInt32(0),
-        'Powered': dbus.Boolean(powered),
-        'Discoverable': dbus.Boolean(False),
-        'Pairable': dbus.Boolean(True),
+        'Address': dbus.String(desc.get('address', '00:AA:01:00:00:00')),
+        'Powered': dbus.Boolean(desc.get('powered', True)),
         'Discovering': dbus.Boolean(False),
-        'UUIDs': dbus.Array([], signature='s'),
         'Roles': dbus.Array(['central', 'peripheral'] if peripheral else ['central'],
                             signature='s'),
     }
-    for key, value in extra.items():
-        if key == 'Roles':
-            props[key] = dbus.Array([str(v) for v in value], signature='s')
-        elif key == 'PowerState':
-            props[key] = dbus.String(value)
-        elif key == 'NoRoles':
-            props.pop('Roles', None)
+    extra = desc.get('props', {})
+    if 'Roles' in extra:
+        props['Roles'] = dbus.Array([str(v) for v in extra['Roles']], signature='s')
+    if 'PowerState' in extra:
+        props['PowerState'] = dbus.String(extra['PowerState'])
     interfaces = {ADAPTER: props}
-    methods = {ADAPTER: {n: Handlers.__dict__[n]
-                         for n in ('SetDiscoveryFilter', 'StartDiscovery', 'StopDiscovery')}}
+    methods = {ADAPTER: ('SetDiscoveryFilter', 'StartDiscovery', 'StopDiscovery')}
     if peripheral:
-        interfaces[ADV_MANAGER] = {
-            'SupportedInstances': dbus.Byte(5),
-            'ActiveInstances': dbus.Byte(0),
-            'SupportedIncludes': dbus.Array(['tx-power', 'appearance', 'local-name'],
-                                            signature='s'),
-        }
+        interfaces[ADV_MANAGER] = {'SupportedInstances': dbus.Byte(5)}
         interfaces[GATT_MANAGER] = {}
-        methods[ADV_MANAGER] = {n: Handlers.__dict__[n]
-                                for n in ('RegisterAdvertisement', 'UnregisterAdvertisement')}
-        methods[GATT_MANAGER] = {n: Handlers.__dict__[n]
-                                 for n in ('RegisterApplication', 'UnregisterApplication')}
-    ADAPTERS[name] = adapter
-    add_object(adapter.path, interfaces, methods)
+        methods[ADV_MANAGER] = ('RegisterAdvertisement', 'UnregisterAdvertisement')
+        methods[GATT_MANAGER] = ('RegisterApplication', 'UnregisterApplication')
+    ADAPTERS[name] = Adapter(name)
+    add_object(ADAPTERS[name].path, interfaces, methods)
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='s', out_signature='')
 def AddAdapter(self, desc):
-    '''JSON {"name", "address", "powered", "peripheral", "props": {...}}.'''
-    s = json.loads(desc)
-    make_adapter(s['name'], s.get('address', '00:AA:01:00:00:00'), s.get('powered', True),
-                 s.get('peripheral', True), s.get('props', {}))
+    make_adapter(json.loads(desc))
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='s', out_signature='')
 def RemoveAdapter(self, name):
     adapter = ADAPTERS.pop(name)
     adapter.stop_reports()
-    for path in sorted([p for p in mockobject.objects if p.startswith(adapter.path + '/')],
-                       reverse=True):
-        remove_object(path)
-    remove_object(adapter.path)
+    remove_tree(adapter.path)
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='sb', out_signature='')
@@ -651,8 +536,7 @@ def SetAdvertiser(self, name, desc):
     "txPower", "advertising", "connect": accept|ignore|refuse, "gatt": [...]};
     updates the advertiser when it exists.'''
     s = json.loads(desc)
-    adapter = ADAPTERS[name]
-    adapter.advertisers.setdefault(s['address'], {}).update(s)
+    ADAPTERS[name].advertisers.setdefault(s['address'], {}).update(s)
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='ss', out_signature='')
@@ -665,17 +549,16 @@ def DropLink(self, name, address):
 
 @dbus.service.method(MAIN_IFACE, in_signature='ssss', out_signature='')
 def SetCharacteristicError(self, path, op, name, message):
-    adapter = adapter_of(path)
+    errors = adapter_of(path).char_errors
     if name:
-        adapter.char_errors[(str(path), str(op))] = (str(name), str(message))
+        errors[(str(path), str(op))] = (str(name), str(message))
     else:
-        adapter.char_errors.pop((str(path), str(op)), None)
+        errors.pop((str(path), str(op)), None)
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='say', out_signature='b', byte_arrays=True)
 def Notify(self, path, value):
-    target = obj(path)
-    if not target.props[CHRC]['Notifying']:
+    if not obj(path).props[CHRC]['Notifying']:
         return False
     emit_changed(path, CHRC, {'Value': byte_array(bytes(value))})
     return True
@@ -684,44 +567,29 @@ def Notify(self, path, value):
 @dbus.service.method(MAIN_IFACE, in_signature='s', out_signature='')
 def ReleaseAdvertisements(self, name):
     adapter = ADAPTERS[name]
-    for (sender, path) in list(adapter.ads.keys()):
+    for (sender, path) in adapter.ads:
         bus().call_async(sender, path, ADVERTISEMENT, 'Release', '', [], None, None)
     adapter.ads.clear()
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='ssqq', out_signature='u')
 def RemoteRead(self, name, uuid, offset, mtu):
-    adapter = ADAPTERS[name]
-    sender, path = find_app_characteristic(adapter, str(uuid))
-    op = start_op()
-    bus().call_async(sender, path, CHRC, 'ReadValue', 'a{sv}',
-                     [remote_options(adapter, int(offset), int(mtu))],
-                     lambda value: finish_op(op, {'value': hexs(value)}),
-                     lambda e: finish_op(op, dbus_error_of(e)))
-    return op
+    return remote_call(name, uuid, 'ReadValue', 'a{sv}', [remote_options(name, offset, mtu)],
+                       lambda value: {'value': hexs(value)})
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='ssayqq', out_signature='u', byte_arrays=True)
 def RemoteWrite(self, name, uuid, value, offset, mtu):
-    adapter = ADAPTERS[name]
-    sender, path = find_app_characteristic(adapter, str(uuid))
-    op = start_op()
-    bus().call_async(sender, path, CHRC, 'WriteValue', 'aya{sv}',
-                     [byte_array(bytes(value)), remote_options(adapter, int(offset), int(mtu))],
-                     lambda *_: finish_op(op, {'value': ''}),
-                     lambda e: finish_op(op, dbus_error_of(e)))
-    return op
+    return remote_call(name, uuid, 'WriteValue', 'aya{sv}',
+                       [byte_array(bytes(value)), remote_options(name, offset, mtu)],
+                       lambda *_: {'value': ''})
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='sss', out_signature='u')
 def Probe(self, owner, path, interface):
-    '''Asks `owner` for the properties of `path` (asynchronously: the owner
-    may be the test process itself); the op records them or the error.'''
-    op = start_op()
-    bus().call_async(owner, path, PROPS, 'GetAll', 's', [interface],
-                     lambda props: finish_op(op, {'value': plain(props)}),
-                     lambda e: finish_op(op, dbus_error_of(e)))
-    return op
+    '''Asks `owner` for the properties of `path`; the op records them or the error.'''
+    return start_op(owner, path, PROPS, 'GetAll', 's', [interface],
+                    lambda props: {'value': plain(props)})
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='', out_signature='s')
@@ -737,27 +605,22 @@ def client_gone(name, old, new):
     for adapter in ADAPTERS.values():
         adapter.sessions.pop(old, None)
         adapter.filters.pop(old, None)
-        for key in [k for k in adapter.ads if k[0] == old]:
-            del adapter.ads[key]
-        for key in [k for k in adapter.apps if k[0] == old]:
-            del adapter.apps[key]
+        for table in (adapter.ads, adapter.apps):
+            for key in [k for k in table if k[0] == old]:
+                del table[key]
         if not adapter.sessions and adapter.timer is not None:
             adapter.stop_reports()
-            emit_changed(adapter.path, ADAPTER, {'Discovering': dbus.Boolean(False)})
+            adapter.set_discovering(False)
 
 
 def load(mock, parameters):
     MOCK['main'] = mock
     mockobject.objects[mock.path] = mock
     mock.AddObject('/org/bluez', 'org.bluez.AgentManager1', {}, [])
-    adapters = parameters.get('adapters',
-                              [{'name': 'hci0', 'address': '00:AA:01:00:00:00'}])
-    for desc in adapters:
-        make_adapter(desc['name'], desc.get('address', '00:AA:01:00:00:00'),
-                     desc.get('powered', True), desc.get('peripheral', True),
-                     desc.get('props', {}))
-    mock.bus_name.get_bus().add_signal_receiver(
-        client_gone, signal_name='NameOwnerChanged', dbus_interface='org.freedesktop.DBus',
-        path='/org/freedesktop/DBus')
+    for desc in parameters.get('adapters', [{'name': 'hci0'}]):
+        make_adapter(desc)
+    bus().add_signal_receiver(client_gone, signal_name='NameOwnerChanged',
+                              dbus_interface='org.freedesktop.DBus',
+                              path='/org/freedesktop/DBus')
     # The harness waits for this line: org.bluez is owned and the objects exist.
     print('lumora-bluez-mock ready', flush=True)

@@ -19,7 +19,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "CoreBluetooth/Backend.h"
@@ -33,68 +33,71 @@ namespace lumora::test {
 
 using namespace std::chrono_literals;
 
-/// One ordered record of everything the emulator did, from any thread.
+/// One ordered record of everything the emulator did, from any thread, and
+/// in full what the peripheral session was asked to publish and advertise.
 class Journal {
  public:
   void add(std::string entry) {
     std::lock_guard lock(mutex_);
     entries_.push_back(std::move(entry));
   }
-  std::vector<std::string> entries() const {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
   /// Entries added after `mark` (a size taken earlier with size()).
-  std::vector<std::string> since(std::size_t mark) const {
+  std::vector<std::string> since(std::size_t mark = 0) const {
     std::lock_guard lock(mutex_);
     return {entries_.begin() + static_cast<std::ptrdiff_t>(std::min(mark, entries_.size())),
             entries_.end()};
   }
-  std::size_t size() const {
-    std::lock_guard lock(mutex_);
-    return entries_.size();
-  }
+  std::size_t size() const { return since().size(); }
   std::size_t count(const std::string& prefix) const {
+    const auto all = since();
+    return std::count_if(all.begin(), all.end(),
+                         [&](const auto& e) { return e.starts_with(prefix); });
+  }
+  std::vector<radio::LocalService> services() const {
     std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(entries_.begin(), entries_.end(),
-                      [&](const std::string& e) { return e.starts_with(prefix); }));
+    return services_;
+  }
+  std::vector<CBAdvertisementData> advertised() const {
+    std::lock_guard lock(mutex_);
+    return advertisements_;
+  }
+  void keep(const radio::LocalService& service) {
+    std::lock_guard lock(mutex_);
+    services_.push_back(service);
+  }
+  void keep(const CBAdvertisementData& advertisement) {
+    std::lock_guard lock(mutex_);
+    advertisements_.push_back(advertisement);
+  }
+  void noteRequest(radio::RequestId id, std::string what) {
+    std::lock_guard lock(mutex_);
+    requests_[id] = std::move(what);
+  }
+  std::string request(radio::RequestId id) const {
+    std::lock_guard lock(mutex_);
+    auto it = requests_.find(id);
+    return it == requests_.end() ? "unknown" : it->second;
   }
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> entries_;
+  std::vector<radio::LocalService> services_;         // every addService, in order
+  std::vector<CBAdvertisementData> advertisements_;   // every startAdvertising, in order
+  std::map<radio::RequestId, std::string> requests_;  // id -> "write <..>" / "read"
 };
 
-/// What the peripheral session was asked, kept in full for the checks that
-/// need more than the journal's text.
-struct RadioLog {
-  std::mutex mutex;
-  std::vector<radio::LocalService> services;         // every addService, in order
-  std::vector<CBAdvertisementData> advertisements;   // every startAdvertising, in order
-  std::map<radio::RequestId, std::string> requests;  // id -> "write <..>" / "read"
-  std::map<radio::RequestId, std::pair<CBATTError, Data>> answers;
-
-  std::vector<CBAdvertisementData> advertised() {
-    std::lock_guard lock(mutex);
-    return advertisements;
-  }
-  std::vector<radio::LocalService> added() {
-    std::lock_guard lock(mutex);
-    return services;
-  }
-};
-
-/// Stands between the peripheral manager and the air's session: records the
-/// radio's events before forwarding them to the manager.
-class SpyEvents : public radio::PeripheralEvents {
+/// Stands between the peripheral manager and the air's session both ways:
+/// journals the manager's calls and the radio's events before passing them on.
+class SpyPeripheral : public radio::PeripheralRadio, public radio::PeripheralEvents {
  public:
-  SpyEvents(std::weak_ptr<radio::PeripheralEvents> target, std::shared_ptr<Journal> journal,
-            std::shared_ptr<RadioLog> log)
-      : target_(std::move(target)), journal_(std::move(journal)), log_(std::move(log)) {}
+  SpyPeripheral(std::weak_ptr<radio::PeripheralEvents> target, std::shared_ptr<Journal> journal)
+      : target_(std::move(target)), journal_(std::move(journal)) {}
+  std::shared_ptr<radio::PeripheralRadio> inner;
 
+  // What the radio tells the manager.
   void radioStateChanged(CBManagerState state) override {
-    journal_->add(std::string("state ") + std::to_string(static_cast<int>(state)));
+    journal_->add("state " + std::to_string(static_cast<int>(state)));
     if (auto t = target_.lock()) t->radioStateChanged(state);
   }
   void radioServiceAdded(radio::ServiceToken service, const std::optional<Error>& error) override {
@@ -105,96 +108,61 @@ class SpyEvents : public radio::PeripheralEvents {
     if (auto t = target_.lock()) t->radioAdvertisingStarted(error);
   }
   void radioReadRequest(const radio::AttRequest& request) override {
-    {
-      std::lock_guard lock(log_->mutex);
-      log_->requests[request.id] = "read";
-    }
+    journal_->noteRequest(request.id, "read");
     journal_->add("request read @" + std::to_string(request.offset));
     if (auto t = target_.lock()) t->radioReadRequest(request);
   }
   void radioWriteRequests(const std::vector<radio::AttRequest>& requests) override {
-    {
-      std::lock_guard lock(log_->mutex);
-      for (const auto& r : requests) log_->requests[r.id] = "write " + description(r.value);
-    }
+    for (const auto& r : requests) journal_->noteRequest(r.id, "write " + description(r.value));
     journal_->add("request writes " + std::to_string(requests.size()));
     if (auto t = target_.lock()) t->radioWriteRequests(requests);
+  }
+
+  // What the manager asks of the radio.
+  CBManagerState state() const override { return inner->state(); }
+  void addService(radio::ServiceToken token, const radio::LocalService& service) override {
+    journal_->add("addService " + service.uuid.UUIDString());
+    journal_->keep(service);
+    inner->addService(token, service);
+  }
+  void removeService(radio::ServiceToken token) override {
+    journal_->add("removeService");
+    inner->removeService(token);
+  }
+  void removeAllServices() override {
+    journal_->add("removeAllServices");
+    inner->removeAllServices();
+  }
+  void startAdvertising(const CBAdvertisementData& data) override {
+    journal_->add("startAdvertising " + data.localName.value_or("(no name)"));
+    journal_->keep(data);
+    inner->startAdvertising(data);
+  }
+  void stopAdvertising() override {
+    journal_->add("stopAdvertising");
+    inner->stopAdvertising();
+  }
+  void respond(radio::RequestId request, CBATTError result, const Data& value) override {
+    std::string what = journal_->request(request);
+    if (what == "read") what += " " + description(value);
+    journal_->add("respond " + std::to_string(static_cast<int>(result)) + " " + what);
+    inner->respond(request, result, value);
+  }
+  void close() override {
+    journal_->add("close");
+    inner->close();
   }
 
  private:
   std::weak_ptr<radio::PeripheralEvents> target_;
   std::shared_ptr<Journal> journal_;
-  std::shared_ptr<RadioLog> log_;
-};
-
-class SpyPeripheral : public radio::PeripheralRadio {
- public:
-  SpyPeripheral(std::shared_ptr<radio::PeripheralRadio> inner, std::shared_ptr<SpyEvents> events,
-                std::shared_ptr<Journal> journal, std::shared_ptr<RadioLog> log)
-      : inner_(std::move(inner)),
-        events_(std::move(events)),
-        journal_(std::move(journal)),
-        log_(std::move(log)) {}
-
-  CBManagerState state() const override { return inner_->state(); }
-  void addService(radio::ServiceToken token, const radio::LocalService& service) override {
-    {
-      std::lock_guard lock(log_->mutex);
-      log_->services.push_back(service);
-    }
-    journal_->add("addService " + service.uuid.UUIDString());
-    inner_->addService(token, service);
-  }
-  void removeService(radio::ServiceToken token) override {
-    journal_->add("removeService");
-    inner_->removeService(token);
-  }
-  void removeAllServices() override {
-    journal_->add("removeAllServices");
-    inner_->removeAllServices();
-  }
-  void startAdvertising(const CBAdvertisementData& data) override {
-    {
-      std::lock_guard lock(log_->mutex);
-      log_->advertisements.push_back(data);
-    }
-    journal_->add("startAdvertising " + data.localName.value_or("(no name)"));
-    inner_->startAdvertising(data);
-  }
-  void stopAdvertising() override {
-    journal_->add("stopAdvertising");
-    inner_->stopAdvertising();
-  }
-  void respond(radio::RequestId request, CBATTError result, const Data& value) override {
-    std::string what;
-    {
-      std::lock_guard lock(log_->mutex);
-      log_->answers[request] = {result, value};
-      auto it = log_->requests.find(request);
-      what = it == log_->requests.end() ? "unknown" : it->second;
-    }
-    if (what == "read") what += " " + description(value);
-    journal_->add("respond " + std::to_string(static_cast<int>(result)) + " " + what);
-    inner_->respond(request, result, value);
-  }
-  void close() override {
-    journal_->add("close");
-    inner_->close();
-  }
-
- private:
-  std::shared_ptr<radio::PeripheralRadio> inner_;
-  std::shared_ptr<SpyEvents> events_;  // owned here: the air holds it weakly
-  std::shared_ptr<Journal> journal_;
-  std::shared_ptr<RadioLog> log_;
 };
 
 /// The air, with every peripheral session it opens listened to.
 class SpyBackend : public radio::Backend {
  public:
-  SpyBackend(std::shared_ptr<sim::Air> air, std::shared_ptr<Journal> journal,
-             std::shared_ptr<RadioLog> log)
-      : air_(std::move(air)), journal_(std::move(journal)), log_(std::move(log)) {}
+  SpyBackend(std::shared_ptr<sim::Air> air, std::shared_ptr<Journal> journal)
+      : air_(std::move(air)), journal_(std::move(journal)) {}
 
   std::string name() const override { return air_->name(); }
   CBManagerState adapterState() const override { return air_->adapterState(); }
@@ -204,10 +172,11 @@ class SpyBackend : public radio::Backend {
   }
   std::shared_ptr<radio::PeripheralRadio> openPeripheral(
       std::weak_ptr<radio::PeripheralEvents> events) override {
-    auto spyEvents = std::make_shared<SpyEvents>(std::move(events), journal_, log_);
-    auto inner = air_->openPeripheral(spyEvents);
+    // The air holds the spy weakly as its listener; the manager owns it.
+    auto spy = std::make_shared<SpyPeripheral>(std::move(events), journal_);
+    spy->inner = air_->openPeripheral(spy);
     journal_->add("openPeripheral");
-    return std::make_shared<SpyPeripheral>(std::move(inner), std::move(spyEvents), journal_, log_);
+    return spy;
   }
   std::shared_ptr<radio::Observation> observeAdvertisements(
       std::function<void(const radio::AdvertisingReport&)> sink) override {
@@ -223,84 +192,58 @@ class SpyBackend : public radio::Backend {
  private:
   std::shared_ptr<sim::Air> air_;
   std::shared_ptr<Journal> journal_;
-  std::shared_ptr<RadioLog> log_;
 };
 
 /// The application's side: answers reads with `readValue`, keeps every
-/// write, notes the thread of each call, and writes both into the journal.
+/// write, counts calls made on the main thread or anywhere but the global
+/// pool, and writes both kinds of call into the journal (when given one).
 class ProcessRecorder : public TQBleProcessDelegate {
  public:
-  explicit ProcessRecorder(std::shared_ptr<Journal> journal = nullptr, std::string tag = {})
-      : journal_(std::move(journal)), tag_(std::move(tag)) {}
+  struct Record {
+    Data readValue;
+    std::vector<Data> received;
+    int reads = 0;
+    int misplacedCalls = 0;
+  };
+
+  explicit ProcessRecorder(std::shared_ptr<Journal> journal = nullptr)
+      : journal_(std::move(journal)) {}
 
   Data tqbleprocess_didReqReadData() override {
-    noteThread();
-    Data answer;
-    {
-      std::lock_guard lock(mutex_);
-      ++reads_;
-      answer = readValue_;
-    }
-    if (journal_) journal_->add(tag_ + "didReqReadData");
+    Data answer = update([](Record& r) {
+      ++r.reads;
+      return r.readValue;
+    });
+    if (journal_) journal_->add("didReqReadData");
     return answer;
   }
   void tqbleprocess_didRevData(const Data& data) override {
-    noteThread();
-    {
-      std::lock_guard lock(mutex_);
-      received_.push_back(data);
-    }
-    if (journal_) journal_->add(tag_ + "didRevData " + description(data));
+    update([&](Record& r) { r.received.push_back(data); });
+    if (journal_) journal_->add("didRevData " + description(data));
   }
 
   void setReadValue(Data value) {
     std::lock_guard lock(mutex_);
-    readValue_ = std::move(value);
+    record_.readValue = std::move(value);
   }
-  std::vector<Data> received() const {
+  Record record() const {
     std::lock_guard lock(mutex_);
-    return received_;
-  }
-  int reads() const {
-    std::lock_guard lock(mutex_);
-    return reads_;
-  }
-  /// Calls made on the main thread, and calls made off the global pool.
-  int callsOnMainThread() const {
-    std::lock_guard lock(mutex_);
-    return onMain_;
-  }
-  int callsOffGlobalQueue() const {
-    std::lock_guard lock(mutex_);
-    return offGlobal_;
+    return record_;
   }
 
  private:
-  void noteThread() {
-    bool main = isMainThread();
-    bool global = DispatchQueue::global()->isCurrent();
+  template <class F>
+  std::invoke_result_t<F, Record&> update(F f) {
+    const bool misplaced = isMainThread() || !DispatchQueue::global()->isCurrent();
     std::lock_guard lock(mutex_);
-    onMain_ += main ? 1 : 0;
-    offGlobal_ += global ? 0 : 1;
+    record_.misplacedCalls += misplaced ? 1 : 0;
+    return f(record_);
   }
 
   std::shared_ptr<Journal> journal_;
-  std::string tag_;
   mutable std::mutex mutex_;
-  Data readValue_;
-  std::vector<Data> received_;
-  int reads_ = 0;
-  int onMain_ = 0;
-  int offGlobal_ = 0;
+  Record record_;
 };
-
-/// Forgets the process-wide emulator state so each test starts from a new
-/// process's point of view.
-inline void resetEmulatorGlobals() {
-  peripheralManager.store(nullptr);
-  region.store(nullptr);
-  power.store(std::nullopt);
-}
 
 /// What an advertisement says, decoded the way a finder would.
 struct Advertised {
@@ -309,6 +252,7 @@ struct Advertised {
   std::uint16_t minor = 0;
   int measuredPower = 0;
   std::string localName;
+  friend bool operator==(const Advertised&, const Advertised&) = default;
 };
 inline std::optional<Advertised> decode(const CBAdvertisementData& data) {
   if (!data.manufacturerData) return std::nullopt;
@@ -323,27 +267,30 @@ inline const Uuid kOtherUuid = *Uuid::fromString("74278BDA-B644-4520-8F0C-720EAF
 inline const CBUUID kWriteChar = CBUUID::UUIDWithString("FF0C");
 inline const CBUUID kReadChar = CBUUID::UUIDWithString("FFCC");
 inline const CBUUID kServiceUuid = CBUUID::UUIDWithString("CC00FFC0-0451-4000-B000-000000000000");
+inline const std::string kAddService = "addService CC00FFC0-0451-4000-B000-000000000000";
 
 /// A fresh air behind a listening radio for every test; the emulator's
-/// process-wide state is reset before and after.
+/// process-wide state is reset before and after, so each test starts from a
+/// new process's point of view.
 ///
 /// The adapter starts powered off and tests switch it on with powerOn(), so
 /// the report that starts the emulator is a change of the adapter's state;
 /// AdapterOnTest covers the other road, a new manager's first report.
 class EmulatorTest : public ::testing::Test {
  protected:
-  virtual sim::AirOptions airOptions() const {
-    sim::AirOptions options;
-    options.clock = sim::ClockMode::Virtual;
-    options.seed = 11;
-    options.initialState = CBManagerState::PoweredOff;
-    return options;
+  virtual CBManagerState initialState() const { return CBManagerState::PoweredOff; }
+
+  static void resetEmulatorGlobals() {
+    peripheralManager.store(nullptr);
+    region.store(nullptr);
+    power.store(std::nullopt);
   }
 
   void SetUp() override {
     resetEmulatorGlobals();
-    air = sim::Air::create(airOptions());
-    radio::Backend::setCurrent(std::make_shared<SpyBackend>(air, journal, radioLog));
+    air = sim::Air::create(
+        {.clock = sim::ClockMode::Virtual, .seed = 11, .initialState = initialState()});
+    radio::Backend::setCurrent(std::make_shared<SpyBackend>(air, journal));
   }
 
   void TearDown() override {
@@ -359,7 +306,7 @@ class EmulatorTest : public ::testing::Test {
   /// manager's first report has been delivered.
   std::shared_ptr<TQBleProcess> configured(std::optional<Uuid> uuid, std::optional<Number> major,
                                            std::optional<Number> minor,
-                                           std::optional<Number> measuredPower,
+                                           std::optional<Number> measuredPower = std::nullopt,
                                            TQBleProcessDelegate* delegate = nullptr) {
     auto emulator = std::make_shared<TQBleProcess>();
     emulator->setDelegate(delegate);
@@ -386,7 +333,6 @@ class EmulatorTest : public ::testing::Test {
   }
 
   std::shared_ptr<Journal> journal = std::make_shared<Journal>();
-  std::shared_ptr<RadioLog> radioLog = std::make_shared<RadioLog>();
   std::shared_ptr<sim::Air> air;
 };
 
@@ -394,11 +340,7 @@ class EmulatorTest : public ::testing::Test {
 /// must start from its manager's first report, the way applications see it.
 class AdapterOnTest : public EmulatorTest {
  protected:
-  sim::AirOptions airOptions() const override {
-    auto options = EmulatorTest::airOptions();
-    options.initialState = CBManagerState::PoweredOn;
-    return options;
-  }
+  CBManagerState initialState() const override { return CBManagerState::PoweredOn; }
 };
 
 }  // namespace lumora::test

@@ -10,24 +10,12 @@ namespace {
 
 using testing::ElementsAre;
 
-const Bytes kReadValue{0x0A, 0x0B};
-
-/// Gives every "FFCC" characteristic of `services` the value 0A 0B.
-std::vector<sim::ServiceSpec> withReadValue(std::vector<sim::ServiceSpec> services) {
-  for (auto& s : services) {
-    for (auto& c : s.characteristics) {
-      if (c.uuid == kReadUUID) c.value = kReadValue;
-    }
-  }
-  return services;
-}
-
 const State kSend0102{90, "TQBeacon SendData : <0102>"};
 
 TEST(Exchange, SendReportsFirstReadReportsAfterTheRequest) {
   FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice(
-      "12", withReadValue({service({kMajorUUID, kMinorUUID, kWriteUUID, kReadUUID})})));
+  auto device = rig.air->addDevice(
+      beaconDevice("12", {service({kMajorUUID, kMinorUUID, kWriteUUID, kReadUUID})}));
   rig.connect("12");
   rig.recorder.clear();
   rig.log.clear();
@@ -62,163 +50,110 @@ TEST(Exchange, SendReportsFirstReadReportsAfterTheRequest) {
   for (const auto& e : rig.recorder.events()) EXPECT_TRUE(e.onMainThread);
 }
 
-struct WalkCase {
-  const char* name;
-  std::vector<sim::ServiceSpec> services;
-  std::size_t writes;
-  std::size_t reads;
-};
+TEST(Exchange, EveryMatchingCharacteristicIsUsed) {
+  const CBUUID other = CBUUID::UUIDWithString("FFC1");
+  const struct {
+    const char* name;
+    std::vector<sim::ServiceSpec> services;
+    std::size_t writes, reads;
+  } cases[] = {
+      {"NoDataCharacteristics", {service({kMajorUUID, kMinorUUID})}, 0, 0},
+      {"OneService", {service({kWriteUUID, kReadUUID})}, 1, 1},
+      {"TwoServices",
+       {service({kWriteUUID, kReadUUID}), service({kReadUUID, kWriteUUID}, other)},
+       2,
+       2},
+      {"TwiceInOneService", {service({kWriteUUID, kWriteUUID, kReadUUID, kReadUUID})}, 2, 2},
+      {"OnlyWrite", {service({kWriteUUID})}, 1, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    FinderRig rig;
+    auto device = rig.air->addDevice(beaconDevice("12", c.services));
+    rig.connect("12");
+    rig.recorder.clear();
+    rig.log.clear();
+    rig.finder->TQBeacon_SendData(Bytes{0x01, 0x02});
+    rig.finder->TQBeacon_ReqReadData();
+    rig.air->advance(1s);
 
-class Walk : public testing::TestWithParam<WalkCase> {};
-
-TEST_P(Walk, EveryMatchingCharacteristicIsUsed) {
-  const auto& c = GetParam();
-  FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice("12", withReadValue(c.services)));
-  rig.connect("12");
-  rig.recorder.clear();
-  rig.log.clear();
-
-  rig.finder->TQBeacon_SendData(Bytes{0x01, 0x02});
-  rig.finder->TQBeacon_ReqReadData();
-  rig.air->advance(1s);
-
-  EXPECT_EQ(device->writesTo(kWriteUUID), std::vector<Bytes>(c.writes, Bytes{0x01, 0x02}));
-  EXPECT_EQ(rig.log.count("BLE SEND data:<0102>"), c.writes);
-  EXPECT_EQ(rig.log.count("didWriteValueForCharacteristic"), c.writes);
-  EXPECT_EQ(rig.log.count("BLE ReqRead data"), c.reads);
-  EXPECT_EQ(rig.recorder.dataOf(80), std::vector<Data>(c.reads, kReadValue));
-  const auto states = rig.recorder.states();
-  ASSERT_GE(states.size(), 2u);
-  EXPECT_EQ(states[0], kSend0102);
-  EXPECT_EQ(states[1], kReadData);
+    EXPECT_EQ(device->writesTo(kWriteUUID), std::vector<Bytes>(c.writes, Bytes{0x01, 0x02}));
+    EXPECT_EQ(rig.log.count("BLE SEND data:<0102>"), c.writes);
+    EXPECT_EQ(rig.log.count("didWriteValueForCharacteristic"), c.writes);
+    EXPECT_EQ(rig.log.count("BLE ReqRead data"), c.reads);
+    std::vector<State> expected{kSend0102, kReadData};
+    expected.insert(expected.end(), c.reads, kRecv);
+    EXPECT_EQ(rig.recorder.states(), expected);
+    EXPECT_EQ(rig.recorder.dataOf(80), std::vector<Data>(c.reads, kReadValue));
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Services, Walk,
-    testing::Values(WalkCase{"NoDataCharacteristics", {service({kMajorUUID, kMinorUUID})}, 0, 0},
-                    WalkCase{"OneService", {service({kWriteUUID, kReadUUID})}, 1, 1},
-                    WalkCase{"TwoServices",
-                             {service({kWriteUUID, kReadUUID}, uuid16("FFC0")),
-                              service({kReadUUID, kWriteUUID}, uuid16("FFC1"))},
-                             2,
-                             2},
-                    WalkCase{"TwiceInOneService",
-                             {service({kWriteUUID, kWriteUUID, kReadUUID, kReadUUID})},
-                             2,
-                             2},
-                    WalkCase{"OnlyWrite", {service({kWriteUUID})}, 1, 0}),
-    [](const auto& info) { return info.param.name; });
-
-TEST(Exchange, WithoutALinkOnlyTheApplicationEventsAreSent) {
-  FinderRig rig;
-  rig.log.clear();
-  rig.finder->TQBeacon_SendData(Bytes{0x01, 0x02});
-  rig.finder->TQBeacon_ReqReadData();
-  rig.air->advance(1s);
-  EXPECT_THAT(rig.recorder.states(), ElementsAre(kSend0102, kReadData));
-  EXPECT_TRUE(rig.log.lines().empty());
-}
-
-TEST(Exchange, AfterADisconnectionNothingIsWritten) {
+TEST(Exchange, WithoutALinkOnlyTheApplicationEventsAreSentAndFailuresOnlyLog) {
   FinderRig rig;
   auto device = rig.air->addDevice(beaconDevice("12", {service({kWriteUUID, kReadUUID})}));
-  rig.connect("12");
-  device->dropLink();
-  rig.air->advance(1s);
-  rig.recorder.clear();
-  rig.log.clear();
-  rig.finder->TQBeacon_SendData(Bytes{0x01, 0x02});
-  rig.finder->TQBeacon_ReqReadData();
-  rig.air->advance(1s);
-  EXPECT_THAT(rig.recorder.states(), ElementsAre(kSend0102, kReadData));
-  EXPECT_TRUE(device->writesTo(kWriteUUID).empty());
+  const auto sendAndRead = [&] {
+    rig.recorder.clear();
+    rig.log.clear();
+    rig.finder->TQBeacon_SendData(Bytes{0x01, 0x02});
+    rig.finder->TQBeacon_ReqReadData();
+    rig.air->advance(1s);
+    EXPECT_THAT(rig.recorder.states(), ElementsAre(kSend0102, kReadData));
+  };
+  // Never linked: nothing reaches the device, nothing is logged.
+  sendAndRead();
   EXPECT_TRUE(rig.log.lines().empty());
-}
 
-TEST(Exchange, NullBufferIsPassedOnAsItStands) {
-  FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice("12", {service({kWriteUUID})}));
+  // A null buffer is passed on as it stands.
   rig.connect("12");
   rig.recorder.clear();
-  rig.log.clear();
   rig.finder->TQBeacon_SendData(std::nullopt);
   rig.air->advance(1s);
   EXPECT_THAT(rig.recorder.states(), ElementsAre(State{90, "TQBeacon SendData : (null)"}));
   EXPECT_EQ(rig.log.count("BLE SEND data:(null)"), 1u);
   EXPECT_EQ(device->writesTo(kWriteUUID), std::vector<Bytes>{Bytes{}});
-}
 
-TEST(Exchange, WriteErrorOnlyLogs) {
-  FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice("12", {service({kWriteUUID})}));
-  rig.connect("12");
+  // A failed write only logs; a failed read without a value reaches nobody.
   device->failWrites(CBATTError::WriteNotPermitted);
-  rig.recorder.clear();
-  rig.log.clear();
-  rig.finder->TQBeacon_SendData(Bytes{0x01, 0x02});
-  rig.air->advance(1s);
-  EXPECT_THAT(rig.recorder.states(), ElementsAre(kSend0102));
-  EXPECT_EQ(rig.log.count("didWriteValueForCharacteristic"), 1u);
-}
-
-TEST(Exchange, ReadErrorWithoutValueReachesNobody) {
-  FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice("12", withReadValue({service({kReadUUID})})));
-  rig.connect("12");
   device->failReads(CBATTError::ReadNotPermitted);
-  rig.recorder.clear();
-  rig.finder->TQBeacon_ReqReadData();
+  sendAndRead();
+  EXPECT_EQ(rig.log.count("didWriteValueForCharacteristic"), 1u);
+
+  // Linked and dropped: again nothing reaches the device.
+  device->dropLink();
   rig.air->advance(1s);
-  EXPECT_THAT(rig.recorder.states(), ElementsAre(kReadData));
+  sendAndRead();
+  EXPECT_TRUE(rig.log.lines().empty());
+  EXPECT_EQ(device->writesTo(kWriteUUID), std::vector<Bytes>{Bytes{}});
 }
 
-struct UpdateCase {
-  const char* name;
-  Data value;
-  std::optional<Error> error;
-  bool delivered;
-};
-
-class ValueUpdate : public testing::TestWithParam<UpdateCase> {};
-
-TEST_P(ValueUpdate, ValueOrNoErrorIsDelivered) {
-  const auto& c = GetParam();
-  FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice("12", {service({kWriteUUID, kReadUUID})}));
-  rig.connect("12");
-  rig.recorder.clear();
-  device->pushValueUpdate(kReadUUID, c.value, c.error);
-  rig.air->advance(1s);
-  if (c.delivered) {
-    EXPECT_THAT(rig.recorder.states(), ElementsAre(kRecv));
-    EXPECT_THAT(rig.recorder.dataOf(80), ElementsAre(c.value));
-  } else {
-    EXPECT_TRUE(rig.recorder.states().empty());
+TEST(Exchange, UpdatesWithAValueOrWithoutErrorAreDeliveredEveryTime) {
+  const Error attError{"CBATTErrorDomain", 0x0E, "Unlikely error"};
+  const struct {
+    const char* name;
+    Data value;
+    std::optional<Error> error;
+    bool delivered;
+  } cases[] = {
+      {"Value", Bytes{0x0A, 0x0B}, std::nullopt, true},
+      {"ValueWithError", Bytes{0x0A, 0x0B}, attError, true},
+      {"EmptyValue", Bytes{}, std::nullopt, true},
+      {"NoValueNoError", std::nullopt, std::nullopt, true},
+      {"NoValueWithError", std::nullopt, attError, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    FinderRig rig;  // a fresh characteristic: a null update keeps the value it held
+    auto device = rig.air->addDevice(beaconDevice("12", {service({kWriteUUID, kReadUUID})}));
+    rig.connect("12");
+    rig.recorder.clear();
+    // Repeated, and from any characteristic: the finder does not look at which one it is.
+    device->pushValueUpdate(kReadUUID, c.value, c.error);
+    device->pushValueUpdate(kWriteUUID, c.value, c.error);
+    rig.air->advance(1s);
+    const std::size_t n = c.delivered ? 2 : 0;
+    EXPECT_EQ(rig.recorder.states(), std::vector<State>(n, kRecv));
+    EXPECT_EQ(rig.recorder.dataOf(80), std::vector<Data>(n, c.value));
   }
-}
-
-const Error kAttError{"CBATTErrorDomain", 0x0E, "Unlikely error"};
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, ValueUpdate,
-    testing::Values(UpdateCase{"Value", Bytes{0x0A, 0x0B}, std::nullopt, true},
-                    UpdateCase{"ValueWithError", Bytes{0x0A, 0x0B}, kAttError, true},
-                    UpdateCase{"EmptyValue", Bytes{}, std::nullopt, true},
-                    UpdateCase{"NoValueNoError", std::nullopt, std::nullopt, true},
-                    UpdateCase{"NoValueWithError", std::nullopt, kAttError, false}),
-    [](const auto& info) { return info.param.name; });
-
-TEST(Exchange, EveryUpdateIsDeliveredEvenRepeatedOnes) {
-  FinderRig rig;
-  auto device = rig.air->addDevice(beaconDevice("12", {service({kWriteUUID})}));
-  rig.connect("12");
-  rig.recorder.clear();
-  // Any characteristic: the finder does not look at which one it is.
-  for (int i = 0; i < 3; ++i) device->pushValueUpdate(kWriteUUID, Bytes{0x07}, std::nullopt);
-  rig.air->advance(1s);
-  EXPECT_THAT(rig.recorder.states(), ElementsAre(kRecv, kRecv, kRecv));
-  EXPECT_EQ(rig.recorder.dataOf(80), std::vector<Data>(3, Bytes{0x07}));
 }
 
 }  // namespace

@@ -22,24 +22,19 @@ namespace lumora::test {
 
 using namespace std::chrono_literals;
 
-inline CBUUID uuid16(const char* text) {
-  return CBUUID::UUIDWithString(text);
-}
+inline const CBUUID kMajorUUID = CBUUID::UUIDWithString("B0702882-A295-A8AB-F734-031A98A512DE");
+inline const CBUUID kMinorUUID = CBUUID::UUIDWithString("B0702883-A295-A8AB-F734-031A98A512DE");
+inline const CBUUID kWriteUUID = CBUUID::UUIDWithString("FF0C");
+inline const CBUUID kReadUUID = CBUUID::UUIDWithString("FFCC");
+inline const Bytes kReadValue{0x0A, 0x0B};
 
-inline const CBUUID kMajorUUID = uuid16("B0702882-A295-A8AB-F734-031A98A512DE");
-inline const CBUUID kMinorUUID = uuid16("B0702883-A295-A8AB-F734-031A98A512DE");
-inline const CBUUID kWriteUUID = uuid16("FF0C");
-inline const CBUUID kReadUUID = uuid16("FFCC");
-
-/// A service of characteristics with these UUIDs, default handlers.
+/// A service of characteristics with these UUIDs, default handlers; every
+/// "FFCC" holds kReadValue.
 inline sim::ServiceSpec service(std::vector<CBUUID> characteristics,
                                 CBUUID uuid = CBUUID::UUIDWithString("FFC0")) {
-  sim::ServiceSpec result;
-  result.uuid = uuid;
+  sim::ServiceSpec result{.uuid = uuid};
   for (const auto& c : characteristics) {
-    sim::CharacteristicSpec ch;
-    ch.uuid = c;
-    result.characteristics.push_back(std::move(ch));
+    result.characteristics.push_back({.uuid = c, .value = c == kReadUUID ? kReadValue : Bytes{}});
   }
   return result;
 }
@@ -47,11 +42,7 @@ inline sim::ServiceSpec service(std::vector<CBUUID> characteristics,
 /// A connectable device advertising `name` with these services.
 inline sim::DeviceConfig beaconDevice(std::optional<std::string> name,
                                       std::vector<sim::ServiceSpec> services) {
-  sim::DeviceConfig config;
-  config.localName = std::move(name);
-  config.connectable = true;
-  config.services = std::move(services);
-  return config;
+  return {.localName = std::move(name), .connectable = true, .services = std::move(services)};
 }
 
 class FinderRig {

@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
+#include <algorithm>
 
 #include "FinderRig.h"
 
@@ -16,39 +16,26 @@ const Uuid kUuidA = *Uuid::fromString("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
 const Uuid kUuidB = *Uuid::fromString("5A4BCFCE-174E-4BAC-A814-092E77F6B7E5");
 const Uuid kUuidNobody = *Uuid::fromString("74278BDA-B644-4520-8F0C-720EAF059935");
 
-/// The manufacturer data of a beacon: 4C 00 02 15, UUID, major, minor, -59.
-Bytes frame(const Uuid& uuid, std::uint16_t major, std::uint16_t minor) {
-  Bytes b{0x4C, 0x00, 0x02, 0x15};
-  b.insert(b.end(), uuid.bytes().begin(), uuid.bytes().end());
-  b.push_back(static_cast<std::uint8_t>(major >> 8));
-  b.push_back(static_cast<std::uint8_t>(major & 0xFF));
-  b.push_back(static_cast<std::uint8_t>(minor >> 8));
-  b.push_back(static_cast<std::uint8_t>(minor & 0xFF));
-  b.push_back(0xC5);
-  return b;
-}
-
 void addBeacon(sim::Air& air, const Uuid& uuid, std::uint16_t major, double distance) {
-  sim::DeviceConfig config;
-  config.manufacturerData = frame(uuid, major, 1);
-  config.distance = distance;
-  config.rssiNoiseSigma = 0;
-  air.addDevice(config);
+  const CLBeaconRegion identity(uuid, std::optional(major), std::optional<std::uint16_t>(1), "b");
+  air.addDevice(
+      {.manufacturerData = identity.peripheralDataWithMeasuredPower(Number(-59))->manufacturerData,
+       .distance = distance,
+       .rssiNoiseSigma = 0});
 }
 
 std::shared_ptr<CLBeaconRegion> region(const Uuid& uuid, const char* identifier) {
-  return std::make_shared<CLBeaconRegion>(uuid, std::optional<std::uint16_t>{},
-                                          std::optional<std::uint16_t>{}, identifier);
+  return std::make_shared<CLBeaconRegion>(uuid, identifier);
 }
 
 std::size_t eventsFor(const FinderRecorder& recorder,
                       const std::shared_ptr<CLBeaconRegion>& region) {
-  std::size_t n = 0;
-  for (const auto& e : recorder.beaconEvents()) n += e.region == region ? 1 : 0;
-  return n;
+  const auto events = recorder.beaconEvents();
+  return std::count_if(events.begin(), events.end(),
+                       [&](const auto& e) { return e.region == region; });
 }
 
-TEST(Ranging, NonEmptyResultsReachTheDelegateOnTheMainThread) {
+TEST(Ranging, NonEmptyResultsReachTheDelegateOnTheMainThreadUnchanged) {
   FinderRig rig;
   addBeacon(*rig.air, kUuidA, 1, 1.0);
   addBeacon(*rig.air, kUuidA, 2, 3.0);
@@ -74,61 +61,27 @@ TEST(Ranging, NonEmptyResultsReachTheDelegateOnTheMainThread) {
   EXPECT_FALSE(rig.finder->is_TQFinderState());
   ASSERT_NE(rig.finder->beacons(), nullptr);
   EXPECT_TRUE(rig.finder->beacons()->empty());
-}
 
-TEST(Ranging, CallbackPassesThePlatformListThroughUnchanged) {
-  FinderRig rig;
-  const auto a = region(kUuidA, "a");
+  // The platform's list is passed on as it stands: same objects, same order.
+  rig.recorder.clear();
   CLBeaconList list;
   for (std::uint16_t major : {7, 3, 5}) {
     list.push_back(std::make_shared<CLBeacon>(kUuidA, major, 1, CLProximity::Far, 9.0, -80));
   }
   rig.finder->didRangeBeacons(rig.finder->locationManager(), list, a);
   rig.finder->didRangeBeacons(rig.finder->locationManager(), {}, a);
-  const auto events = rig.recorder.beaconEvents();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].beacons, list);  // same objects, same order
-  EXPECT_EQ(events[0].region, a);
+  ASSERT_EQ(rig.recorder.beaconEvents().size(), 1u);
+  EXPECT_EQ(rig.recorder.beaconEvents()[0].beacons, list);
 }
 
-TEST(Ranging, RestartWithoutStopKeepsTheFirstRegionsRanged) {
+TEST(Ranging, StopEndsResultsAndARestartWithoutStopKeepsTheFirstRegionsRanged) {
   FinderRig rig;
   addBeacon(*rig.air, kUuidA, 1, 1.0);
   addBeacon(*rig.air, kUuidB, 2, 1.0);
   const auto a = region(kUuidA, "a");
   const auto b = region(kUuidB, "b");
-  rig.finder->StartTQFinder(TQBleFinder::RegionList{a});
-  rig.finder->StartTQFinder(TQBleFinder::RegionList{b});
-  EXPECT_EQ(rig.finder->rangedRegions(), TQBleFinder::RegionList{b});
-  rig.finder->StopTQFinder();
-  EXPECT_EQ(rig.finder->rangedRegions(), TQBleFinder::RegionList{b});  // kept after stop
-  EXPECT_EQ(rig.finder->locationManager()->rangedRegions(), TQBleFinder::RegionList{a});
-
-  rig.air->advance(3s);
-  EXPECT_GT(eventsFor(rig.recorder, a), 0u);
-  EXPECT_EQ(eventsFor(rig.recorder, b), 0u);
-  // A second stop stops the same (second) set again; the first stays.
-  rig.finder->StopTQFinder();
-  EXPECT_EQ(rig.finder->locationManager()->rangedRegions(), TQBleFinder::RegionList{a});
-}
-
-TEST(Ranging, StopEndsResults) {
-  FinderRig rig;
-  addBeacon(*rig.air, kUuidA, 1, 1.0);
-  const auto a = region(kUuidA, "a");
   rig.finder->StopTQFinder();  // before any start: nothing to stop
-  rig.finder->StartTQFinder(TQBleFinder::RegionList{a});
-  rig.air->advance(3s);
-  ASSERT_GT(eventsFor(rig.recorder, a), 0u);
-  rig.finder->StopTQFinder();
-  rig.recorder.clear();
-  rig.air->advance(3s);
-  EXPECT_THAT(rig.recorder.events(), IsEmpty());
-  EXPECT_THAT(rig.finder->locationManager()->rangedRegions(), IsEmpty());
-}
-
-TEST(Ranging, NullOrEmptyRegionsRangeNothing) {
-  FinderRig rig;
+  // Null or empty lists range nothing.
   for (const auto& regions : {std::optional<TQBleFinder::RegionList>{},
                               std::optional<TQBleFinder::RegionList>{TQBleFinder::RegionList{}}}) {
     rig.finder->StartTQFinder(regions);
@@ -136,74 +89,74 @@ TEST(Ranging, NullOrEmptyRegionsRangeNothing) {
     EXPECT_THAT(*rig.finder->rangedRegions(), IsEmpty());
     EXPECT_THAT(rig.finder->locationManager()->rangedRegions(), IsEmpty());
   }
-}
 
-TEST(Ranging, StartBeforeSetUpOnlyRemembersTheRegions) {
-  auto air = sim::Air::create({});
-  radio::Backend::setCurrent(air);
-  FinderRecorder recorder;
-  auto finder = std::make_shared<TQBleFinder>();
-  finder->setDelegate(&recorder);
-  const auto a = region(kUuidA, "a");
-  finder->StartTQFinder(TQBleFinder::RegionList{a});
-  finder->StopTQFinder();
-  EXPECT_EQ(finder->rangedRegions(), TQBleFinder::RegionList{a});
-  EXPECT_EQ(finder->locationManager(), nullptr);
-  EXPECT_EQ(finder->beacons(), nullptr);
-  finder.reset();
-  air->settle();
-  radio::Backend::setCurrent(nullptr);
-}
-
-TEST(Ranging, SetUpAgainReplacesTheLocationManagerAndClearsTheLink) {
-  FinderRig rig;
-  addBeacon(*rig.air, kUuidA, 1, 1.0);
-  const auto a = region(kUuidA, "a");
   rig.finder->StartTQFinder(TQBleFinder::RegionList{a});
-  rig.air->advance(2s);
-  ASSERT_GT(eventsFor(rig.recorder, a), 0u);
-  const auto oldManager = rig.finder->locationManager();
-  const auto oldBeacons = rig.finder->beacons();
-  rig.finder->setPeripheral_uuid("12");
-  rig.finder->setIs_connectBeacon(true);
+  rig.finder->StartTQFinder(TQBleFinder::RegionList{b});
+  EXPECT_EQ(rig.finder->rangedRegions(), TQBleFinder::RegionList{b});
+  rig.finder->StopTQFinder();
+  EXPECT_EQ(rig.finder->rangedRegions(), TQBleFinder::RegionList{b});  // kept after stop
+  EXPECT_EQ(rig.finder->locationManager()->rangedRegions(), TQBleFinder::RegionList{a});
+  rig.air->advance(3s);
+  EXPECT_GT(eventsFor(rig.recorder, a), 0u);
+  EXPECT_EQ(eventsFor(rig.recorder, b), 0u);
 
-  rig.finder->initTQFinder();
-  EXPECT_NE(rig.finder->locationManager(), oldManager);
-  EXPECT_NE(rig.finder->beacons(), oldBeacons);
-  EXPECT_TRUE(rig.finder->beacons()->empty());
-  EXPECT_FALSE(rig.finder->peripheral_uuid());
-  EXPECT_FALSE(rig.finder->is_TQFinderState());
-  EXPECT_EQ(rig.finder->centralManager(), nullptr);
+  // Starting the first set again and stopping it ends every result.
+  rig.finder->StartTQFinder(TQBleFinder::RegionList{a});
+  rig.finder->StopTQFinder();
+  rig.recorder.clear();
+  rig.air->advance(3s);
+  EXPECT_THAT(rig.recorder.events(), IsEmpty());
   EXPECT_THAT(rig.finder->locationManager()->rangedRegions(), IsEmpty());
 }
 
-struct AuthorizationCase {
-  int status;
-  std::vector<std::string> lines;
-};
-
-class Authorization : public testing::TestWithParam<AuthorizationCase> {};
-
-TEST_P(Authorization, OneLogLineAndSetUpGoesOn) {
+TEST(Ranging, SetUpLogsTheAuthorizationAndStartsAfresh) {
   FinderRig rig;
-  rig.air->setLocationAuthorization(GetParam().status);
-  rig.log.clear();
-  rig.finder->initTQFinder();
-  EXPECT_EQ(rig.log.lines(), GetParam().lines);
-  EXPECT_THAT(rig.recorder.events(), IsEmpty());
-  const auto manager = rig.finder->locationManager();
-  ASSERT_NE(manager, nullptr);
-  EXPECT_EQ(manager->delegate(), rig.finder);
-  EXPECT_EQ(manager->requestedAuthorization(), CLAuthorizationStatus::AuthorizedAlways);
-  EXPECT_FALSE(manager->pausesLocationUpdatesAutomatically());
-}
+  addBeacon(*rig.air, kUuidA, 1, 1.0);
+  const auto a = region(kUuidA, "a");
+  // Before set-up a finder only remembers the regions.
+  auto bare = std::make_shared<TQBleFinder>();
+  bare->StartTQFinder(TQBleFinder::RegionList{a});
+  bare->StopTQFinder();
+  EXPECT_EQ(bare->rangedRegions(), TQBleFinder::RegionList{a});
+  EXPECT_EQ(bare->locationManager(), nullptr);
+  EXPECT_EQ(bare->beacons(), nullptr);
 
-INSTANTIATE_TEST_SUITE_P(
-    Statuses, Authorization,
-    testing::Values(AuthorizationCase{0, {"Not determined"}}, AuthorizationCase{1, {"Restricted"}},
-                    AuthorizationCase{2, {"Denied"}}, AuthorizationCase{3, {"Authorized Always"}},
-                    AuthorizationCase{4, {"Authorized when in use"}}, AuthorizationCase{5, {}}),
-    [](const auto& info) { return std::to_string(info.param.status); });
+  rig.finder->StartTQFinder(TQBleFinder::RegionList{a});
+  rig.air->advance(2s);
+  ASSERT_GT(eventsFor(rig.recorder, a), 0u);
+  const std::vector<std::string> lines[] = {{"Not determined"},
+                                            {"Restricted"},
+                                            {"Denied"},
+                                            {"Authorized Always"},
+                                            {"Authorized when in use"},
+                                            {}};
+  for (int status = 0; status <= 5; ++status) {
+    SCOPED_TRACE(status);
+    const auto oldManager = rig.finder->locationManager();
+    const auto oldBeacons = rig.finder->beacons();
+    rig.finder->setPeripheral_uuid("12");
+    rig.finder->setIs_connectBeacon(true);
+    rig.air->setLocationAuthorization(status);
+    rig.log.clear();
+    rig.recorder.clear();
+
+    rig.finder->initTQFinder();
+    EXPECT_EQ(rig.log.lines(), lines[status]);  // one line, and set-up goes on
+    EXPECT_THAT(rig.recorder.events(), IsEmpty());
+    const auto manager = rig.finder->locationManager();
+    ASSERT_NE(manager, nullptr);
+    EXPECT_NE(manager, oldManager);
+    EXPECT_EQ(manager->delegate(), rig.finder);
+    EXPECT_EQ(manager->requestedAuthorization(), CLAuthorizationStatus::AuthorizedAlways);
+    EXPECT_FALSE(manager->pausesLocationUpdatesAutomatically());
+    EXPECT_THAT(manager->rangedRegions(), IsEmpty());
+    EXPECT_NE(rig.finder->beacons(), oldBeacons);
+    EXPECT_TRUE(rig.finder->beacons()->empty());
+    EXPECT_FALSE(rig.finder->peripheral_uuid());
+    EXPECT_FALSE(rig.finder->is_TQFinderState());
+    EXPECT_EQ(rig.finder->centralManager(), nullptr);
+  }
+}
 
 }  // namespace
 }  // namespace lumora::test

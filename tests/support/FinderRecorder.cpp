@@ -27,7 +27,6 @@ void FinderRecorder::didstate(std::int32_t state, const std::string& Msg, const 
 }
 
 void FinderRecorder::record(FinderEvent event) {
-  event.thread = std::this_thread::get_id();
   event.onMainThread = isMainThread();
   Hook hook;
   {

@@ -1,5 +1,5 @@
 // A TQBleFinderDelegate that records everything the finder tells it, in
-// order, with the thread each call arrived on.
+// order, noting whether each call arrived on the main thread.
 //
 //   lumora::test::FinderRecorder recorder;
 //   finder->setDelegate(&recorder);
@@ -17,7 +17,6 @@
 #include <mutex>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Lumora/TQBleFinder.h"
@@ -45,8 +44,7 @@ struct FinderEvent {
   // Kind::Beacons
   CLBeaconList beacons;
   std::shared_ptr<CLBeaconRegion> region;
-  // Where the call arrived.
-  std::thread::id thread;
+  // Whether the call arrived on the main thread.
   bool onMainThread = false;
 };
 

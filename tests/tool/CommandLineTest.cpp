@@ -11,6 +11,7 @@
 namespace lumora::test {
 namespace {
 
+using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -37,23 +38,18 @@ void PrintTo(const BadInput& input, std::ostream* os) {
 class ToolBadInput : public ::testing::TestWithParam<BadInput> {};
 
 TEST_P(ToolBadInput, ExitsTwoWithOneLineNamingTheProblem) {
-  const auto& param = GetParam();
-  const auto r = runTool(param.args);
+  const auto r = runTool(GetParam().args);
   EXPECT_EQ(r.exit, 2) << r.err;
   EXPECT_THAT(r.err, StartsWith("lumora: "));
-  EXPECT_THAT(r.err, HasSubstr(param.mentions));
+  EXPECT_THAT(r.err, HasSubstr(GetParam().mentions));
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   EXPECT_EQ(r.out, "");
 }
 
-TempDir& scratch() {
+std::string brokenScenario() {
   static TempDir dir;
-  return dir;
-}
-
-std::string writeFile(const std::string& name, const std::string& content) {
-  auto path = scratch().file(name);
-  std::ofstream(path) << content;
+  const auto path = dir.file("broken.json");
+  std::ofstream(path) << "{ not json";
   return path.string();
 }
 
@@ -83,103 +79,81 @@ INSTANTIATE_TEST_SUITE_P(
         {{"--backend", "wifi", "scan", "--seconds", "0"}, "unknown radio 'wifi'"},
         {{"--backend", "bluez", "--scenario", "x.json", "scan"}, "--scenario"},
         {{"--scenario", "/nonexistent/lumora.json", "scan", "--seconds", "0"}, "scenario"},
-        {{"--scenario", writeFile("broken.json", "{ not json"), "scan", "--seconds", "0"},
-         "scenario"},
+        {{"--scenario", brokenScenario(), "scan", "--seconds", "0"}, "scenario"},
     }));
 
-TEST(ToolCommandLine, DecodePrintsEachFrameExactly) {
-  const auto r = runTool({"decode", kFrame, "4C000215", "4C00021500",
-                          "4C000216E2C56DB5DFFB48D2B060D0F5A71096E000010002C5",
-                          "4C000215E2C56DB5DFFB48D2B060D0F5A71096E012340002"
-                          "80"});
-  EXPECT_EQ(r.exit, 0) << r.err;
-  EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.out,
-            "4c000215e2c56db5dffb48d2b060d0f5a71096e000010002c5: iBeacon  "
-            "uuid E2C56DB5-DFFB-48D2-B060-D0F5A71096E0  major 1  minor 2  power -59\n"
-            "4c000215: not an iBeacon\n"
-            "4c00021500: iBeacon header, but 5 bytes are too few to decode (25 needed)\n"
-            "4c000216e2c56db5dffb48d2b060d0f5a71096e000010002c5: not an iBeacon\n"
-            "4c000215e2c56db5dffb48d2b060d0f5a71096e01234000280: iBeacon  "
-            "uuid E2C56DB5-DFFB-48D2-B060-D0F5A71096E0  major 4660  minor 2  power -128\n");
-}
-
-TEST(ToolCommandLine, DecodeJsonCarriesTheFields) {
-  const auto r = runTool({"--json", "decode", kFrame, "0102"});
-  ASSERT_EQ(r.exit, 0) << r.err;
-  const auto records = r.jsonLines();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0]["event"], "decode");
-  EXPECT_EQ(records[0]["ibeacon"], true);
-  EXPECT_EQ(records[0]["uuid"], "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
-  EXPECT_EQ(records[0]["major"], 1);
-  EXPECT_EQ(records[0]["minor"], 2);
-  EXPECT_EQ(records[0]["power"], -59);
-  EXPECT_EQ(records[1]["data"], "0102");
-  EXPECT_EQ(records[1]["ibeacon"], false);
-  EXPECT_FALSE(records[1].contains("uuid"));
-}
-
-TEST(ToolCommandLine, DistanceFollowsTheCurve) {
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {"-59", "1.011 m\n"},   // ratio 1: the upper branch, 1.01076
-      {"-70", "3.472 m\n"},   //
-      {"-50", "0.191 m\n"},   // ratio < 1: ratio^10
-      {"-90", "23.444 m\n"},  //
-      {"0", "unknown\n"},     // no reading
-  };
-  for (const auto& [rssi, expected] : cases) {
-    const auto r = runTool({"distance", "--power", "-59", "--rssi", rssi});
-    EXPECT_EQ(r.exit, 0) << rssi << ": " << r.err;
-    EXPECT_EQ(r.out, expected) << rssi;
-  }
-  const auto r = runTool({"--json", "distance", "--power", "-59", "--rssi", "0"});
-  ASSERT_EQ(r.exit, 0) << r.err;
-  const auto records = r.jsonLines();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_TRUE(records[0]["distance"].is_null());
-  EXPECT_EQ(records[0]["power"], -59);
-}
-
-TEST(ToolCommandLine, HexPrintsTheFindersText) {
-  struct Case {
+TEST(ToolCommandLine, PrintsExactly) {
+  const struct {
     std::vector<std::string> args;
-    std::string expected;
-  };
-  const std::vector<Case> cases{
+    std::string out;
+  } cases[] = {
+      {{"decode", kFrame, "4C000215", "4C00021500",
+        "4C000216E2C56DB5DFFB48D2B060D0F5A71096E000010002C5",
+        "4C000215E2C56DB5DFFB48D2B060D0F5A71096E01234000280"},
+       "4c000215e2c56db5dffb48d2b060d0f5a71096e000010002c5: iBeacon  "
+       "uuid E2C56DB5-DFFB-48D2-B060-D0F5A71096E0  major 1  minor 2  power -59\n"
+       "4c000215: not an iBeacon\n"
+       "4c00021500: iBeacon header, but 5 bytes are too few to decode (25 needed)\n"
+       "4c000216e2c56db5dffb48d2b060d0f5a71096e000010002c5: not an iBeacon\n"
+       "4c000215e2c56db5dffb48d2b060d0f5a71096e01234000280: iBeacon  "
+       "uuid E2C56DB5-DFFB-48D2-B060-D0F5A71096E0  major 4660  minor 2  power -128\n"},
+      // Distance at ratio 1 takes the upper branch (1.01076), below it ratio^10.
+      {{"distance", "--power", "-59", "--rssi", "-59"}, "1.011 m\n"},
+      {{"distance", "--power", "-59", "--rssi", "-50"}, "0.191 m\n"},
+      {{"distance", "--power", "-59", "--rssi", "0"}, "unknown\n"},  // no reading
+      // Hex prints the finder's text.
       {{"hex", "01abff"}, "01ABFF\n"},
-      {{"hex", "--spaces", "01abff"}, "01ABFF\n"},
       {{"hex", "--lower", "01ABFF"}, "01abff\n"},
       {{"hex", "--spaces", "00112233"}, "00112233 \n"},
       {{"hex", "4c", "00:02", "15"}, "4C000215\n"},
-      {{"hex", "--spaces", "000102030405060708090A0B0C0D0E0F10"},
-       "00010203 04050607 08090A0B 0C0D0E0F\n10\n"},
+      // A full line already ends with a line feed; no second one is added.
       {{"hex", "--spaces", "000102030405060708090A0B0C0D0E0F"},
        "00010203 04050607 08090A0B 0C0D0E0F\n"},
+      {{"--version"}, "lumora 1.0 (Lumora-1)\n"},
   };
   for (const auto& c : cases) {
     const auto r = runTool(c.args);
     EXPECT_EQ(r.exit, 0) << r.err;
-    EXPECT_EQ(r.out, c.expected) << c.args.back();
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, c.out) << c.args.back();
   }
-  const auto r = runTool({"--json", "hex", "--spaces", "00112233"});
-  ASSERT_EQ(r.exit, 0);
-  ASSERT_EQ(r.jsonLines().size(), 1u);
-  EXPECT_EQ(r.jsonLines()[0]["hex"], "00112233 ");
 }
 
-TEST(ToolCommandLine, VersionAndHelp) {
-  auto r = runTool({"--version"});
-  EXPECT_EQ(r.exit, 0);
-  EXPECT_EQ(r.out, "lumora 1.0 (Lumora-1)\n");
+TEST(ToolCommandLine, JsonRecordsCarryTheFields) {
+  const struct {
+    std::vector<std::string> args;
+    std::vector<json> records;  // the fields each must have
+  } cases[] = {
+      {{"decode", kFrame, "0102"},
+       {{{"event", "decode"},
+         {"ibeacon", true},
+         {"uuid", "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"},
+         {"major", 1},
+         {"minor", 2},
+         {"power", -59}},
+        {{"data", "0102"}, {"ibeacon", false}}}},
+      {{"distance", "--power", "-59", "--rssi", "0"}, {{{"distance", nullptr}, {"power", -59}}}},
+      {{"hex", "--spaces", "00112233"}, {{{"hex", "00112233 "}}}},
+      {{"--version"}, {{{"project", "Lumora-1"}, {"version", 1.0}}}},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args{"--json"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const auto r = runTool(args);
+    ASSERT_EQ(r.exit, 0) << r.err;
+    const auto records = r.jsonLines();
+    ASSERT_EQ(records.size(), c.records.size()) << r.out;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      EXPECT_TRUE(hasFields(records[i], c.records[i]));
+    }
+    if (c.args[0] == "decode") {
+      EXPECT_FALSE(records[1].contains("uuid"));
+    }
+  }
+}
 
-  r = runTool({"--json", "--version"});
-  ASSERT_EQ(r.exit, 0);
-  ASSERT_EQ(r.jsonLines().size(), 1u);
-  EXPECT_EQ(r.jsonLines()[0]["project"], "Lumora-1");
-  EXPECT_EQ(r.jsonLines()[0]["version"], 1.0);
-
-  r = runTool({"--help"});
+TEST(ToolCommandLine, HelpNamesTheCommandsAndOptions) {
+  auto r = runTool({"--help"});
   EXPECT_EQ(r.exit, 0);
   for (const char* command :
        {"decode", "distance", "hex", "range", "scan", "connect", "emulate", "demo"}) {
