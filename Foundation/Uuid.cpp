@@ -1,5 +1,6 @@
 #include "Foundation/Uuid.h"
 
+#include <bit>
 #include <cstring>
 #include <random>
 
@@ -7,7 +8,28 @@ namespace lumora {
 
 namespace {
 
-constexpr char kUpperHex[] = "0123456789ABCDEF";
+// The eight upper-case hex digits of four bytes at once, the first digit in
+// the lowest byte: each nibble is spread to a byte of its own and lifted to
+// '0'..'9' or 'A'..'F' with a carry that marks the nibbles of ten and above.
+[[gnu::always_inline]] inline std::uint64_t hexDigitsOf4(const std::uint8_t* bytes) {
+  const std::uint64_t spread = std::uint64_t{bytes[0]} | std::uint64_t{bytes[1]} << 16 |
+                               std::uint64_t{bytes[2]} << 32 | std::uint64_t{bytes[3]} << 48;
+  const std::uint64_t nibbles =
+      (spread >> 4 & 0x000F000F000F000Full) | (spread & 0x000F000F000F000Full) << 8;
+  const std::uint64_t letters = ((nibbles + 0x0606060606060606ull) >> 4) & 0x0101010101010101ull;
+  return nibbles + 0x3030303030303030ull + letters * 7;  // 'A' - '0' - 10 == 7
+}
+
+// The first `n` digits of `digits` (lowest byte first) at `out`: one store
+// on a little-endian machine.
+template <std::size_t n>
+void putDigits(char* out, std::uint64_t digits) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(out, &digits, n);
+  } else {
+    for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>(digits >> (8 * i));
+  }
+}
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -164,12 +186,21 @@ Uuid Uuid::nameBased(const Uuid& ns, std::string_view name) {
 }
 
 void Uuid::writeString(char* out) const {
-  std::size_t pos = 0;
-  for (std::size_t i = 0; i < bytes_.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) out[pos++] = '-';
-    out[pos++] = kUpperHex[bytes_[i] >> 4];
-    out[pos++] = kUpperHex[bytes_[i] & 0x0F];
-  }
+  // 8-4-4-4-12, written straight into place.
+  const std::uint64_t first = hexDigitsOf4(bytes_.data());
+  const std::uint64_t second = hexDigitsOf4(bytes_.data() + 4);
+  const std::uint64_t third = hexDigitsOf4(bytes_.data() + 8);
+  const std::uint64_t fourth = hexDigitsOf4(bytes_.data() + 12);
+  putDigits<8>(out, first);
+  out[8] = '-';
+  putDigits<4>(out + 9, second);
+  out[13] = '-';
+  putDigits<4>(out + 14, second >> 32);
+  out[18] = '-';
+  putDigits<4>(out + 19, third);
+  out[23] = '-';
+  putDigits<4>(out + 24, third >> 32);
+  putDigits<8>(out + 28, fourth);
 }
 
 std::string Uuid::UUIDString() const {

@@ -193,19 +193,24 @@ bool TQBleFinder::advDataIsBeacon(const Data& data) {
 }
 
 std::optional<TQBleFinder::BeaconInfo> TQBleFinder::getBeaconInfoFromData(const Data& data) {
+  // One object on every path, so the record is built where the caller wants
+  // it: applications decode every advertisement, and the UUID text is then
+  // the only allocation.
+  std::optional<BeaconInfo> out;
   // Bytes 0 to 3 are the caller's to test (advDataIsBeacon); a frame too
   // short to hold the power byte gives no record rather than a padded one.
-  if (!data || data->size() < kBeaconFrameLength) return std::nullopt;
+  if (!data || data->size() < kBeaconFrameLength) return out;
   const std::uint8_t* bytes = data->data();
   const auto bigEndian = [bytes](std::size_t at) {
     return static_cast<std::uint16_t>((bytes[at] << 8) | bytes[at + 1]);
   };
-  BeaconInfo info;
-  info.uuid = Uuid::fromBytes(bytes + kUuidOffset).UUIDString();
+  BeaconInfo& info = out.emplace();
+  info.uuid = std::string(36, '-');  // sized at once: resizing an empty text costs more
+  Uuid::fromBytes(bytes + kUuidOffset).writeString(info.uuid.data());
   info.major = Number::numberWithUnsignedShort(bigEndian(kMajorOffset));
   info.minor = Number::numberWithUnsignedShort(bigEndian(kMinorOffset));
   info.power = Number::numberWithChar(static_cast<std::int8_t>(bytes[kPowerOffset]));
-  return info;
+  return out;
 }
 
 std::optional<Number> TQBleFinder::calculatedDistance(const std::optional<Number>& txPower,

@@ -17,6 +17,7 @@
 
 #include "Foundation/Uuid.h"
 #include "backends/sim/AirImpl.h"
+#include "backends/sim/Pcap.h"
 
 namespace lumora::sim {
 namespace {
@@ -481,9 +482,11 @@ std::shared_ptr<Air> loadScenario(const std::string& text, AirOptions options) {
   json document;
   try {
     document = json::parse(text);
-  } catch (const json::parse_error& e) {
-    // The library's text is "[json.exception.parse_error.101] parse error at
-    // line 1, column 2: ..."; the part after the bracketed tag is enough.
+  } catch (const json::exception& e) {
+    // Not only parse_error: a number too large for a double ("1e400") is an
+    // out_of_range from the parser. The library's text is
+    // "[json.exception.parse_error.101] parse error at line 1, column 2: ...";
+    // the part after the bracketed tag is enough.
     std::string what = e.what();
     if (auto tag = what.find("] "); tag != std::string::npos) what.erase(0, tag + 2);
     throw ScenarioError("scenario: invalid JSON: " + what);
@@ -491,8 +494,13 @@ std::shared_ptr<Air> loadScenario(const std::string& text, AirOptions options) {
 
   const Node root(document, "");
   root.object({"description", "seed", "adapter", "locationAuthorization", "linkLatencyMs",
-               "localPeripheralDistance", "devices", "events"});
+               "localPeripheralDistance", "capture", "devices", "events"});
   if (auto d = root.find("description")) d->string();
+  std::optional<std::string> capturePath;
+  if (auto c = root.find("capture")) {
+    capturePath = c->string();
+    if (capturePath->empty()) c->fail("expected a file name");
+  }
   if (auto s = root.find("seed")) options.seed = s->seed();
   if (auto a = root.find("adapter"))
     options.initialState = static_cast<CBManagerState>(a->choice(kStates));
@@ -520,6 +528,14 @@ std::shared_ptr<Air> loadScenario(const std::string& text, AirOptions options) {
   }
 
   auto air = Air::create(options);
+  if (capturePath) {
+    // The air's trace sink keeps the capture for as long as the air lives.
+    try {
+      Capture::start(air, *capturePath);
+    } catch (const CaptureError& e) {
+      throw ScenarioError(std::string("capture: ") + e.what());
+    }
+  }
   if (localDistance) air->setLocalPeripheralDistance(*localDistance);
   for (DevicePlan& plan : devices) {
     auto d = air->addDevice(std::move(plan.config));

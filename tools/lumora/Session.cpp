@@ -65,6 +65,11 @@ Session::~Session() {
   radio::Backend::setCurrent(nullptr);
   air_.reset();
   RunLoop::main().drain();
+  if (capture_) {
+    out_.note(fmt::format("{} packet{} captured in {}{}", capture_->packets(),
+                          capture_->packets() == 1 ? "" : "s", printable(capture_->path()),
+                          capture_->ok() ? "" : " (writing failed; the file is cut short)"));
+  }
 }
 
 void Session::openRadio() {
@@ -109,6 +114,9 @@ void Session::openRadio() {
     if (!options_.scenario.empty()) {
       throw UsageError(fmt::format("--scenario needs the simulated air, not {}", radioName));
     }
+    if (!options_.pcap.empty()) {
+      throw UsageError(fmt::format("--pcap needs the simulated air, not {}", radioName));
+    }
     try {
       backend = radio::makeBackend(radioName);
     } catch (const radio::BackendError& e) {
@@ -119,6 +127,14 @@ void Session::openRadio() {
     throw UsageError(
         fmt::format("{}: unknown radio '{}' (want sim, sim:SCENARIO.json, bluez or bluez:hciN)",
                     origin, printable(radioName)));
+  }
+
+  if (!options_.pcap.empty()) {
+    try {
+      capture_ = sim::Capture::start(air_, options_.pcap);
+    } catch (const sim::CaptureError& e) {
+      throw UsageError(fmt::format("--pcap {}", printable(e.what())));
+    }
   }
 
   installInterruptHandler();

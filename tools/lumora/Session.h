@@ -18,6 +18,7 @@
 
 #include "Foundation/RunLoop.h"
 #include "backends/sim/Air.h"
+#include "backends/sim/Pcap.h"
 
 namespace lumora::tool {
 
@@ -30,6 +31,7 @@ struct GlobalOptions {
   std::string scenario;  // a scenario file for the simulated air
   std::string defaults;  // a user-defaults file instead of the standard one
   bool log = false;      // show the library's log lines on stderr
+  std::string pcap;      // a capture file of the simulated air (scan, demo)
 };
 
 /// Exit status of a command stopped by Ctrl-C before it was done.
@@ -45,9 +47,10 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Chooses the radio and installs the Ctrl-C handler. Throws UsageError for
-  /// an unknown radio or a scenario file that does not load, Failure when
-  /// the radio cannot be had.
+  /// Chooses the radio, starts the --pcap capture and installs the Ctrl-C
+  /// handler. Throws UsageError for an unknown radio, a scenario file that
+  /// does not load or a capture file that cannot be made (or --pcap with
+  /// BlueZ), Failure when the radio cannot be had.
   void openRadio();
   /// The simulated air when that is the radio (null for BlueZ).
   std::shared_ptr<sim::Air> air() const { return air_; }
@@ -70,6 +73,7 @@ class Session {
   GlobalOptions options_;
   Output& out_;
   std::shared_ptr<sim::Air> air_;
+  std::shared_ptr<sim::Capture> capture_;
   std::string radioDescription_;
   RunLoop::SourceId interruptSource_ = 0;
   bool radioOpen_ = false;

@@ -123,6 +123,8 @@ int main(int argc, char** argv) {
       scanCmd->add_option("--seconds", scanSeconds, "Stop after this long (default: Ctrl-C)")
           ->check(CLI::Range(0.0, 1e6).description(""))
           ->type_name("SECONDS");
+  scanCmd->add_option("--pcap", global.pcap, "Write what crosses the simulated air to a pcap file")
+      ->type_name("FILE");
 
   ConnectOptions connect;
   auto* connectCmd = app.add_subcommand(
@@ -170,6 +172,8 @@ int main(int argc, char** argv) {
 
   auto* demoCmd = app.add_subcommand(
       "demo", "Emulator and finder on the simulated air: range, connect, write, read, drop");
+  demoCmd->add_option("--pcap", global.pcap, "Write what crosses the simulated air to a pcap file")
+      ->type_name("FILE");
 
   try {
     app.parse(argc, argv);
