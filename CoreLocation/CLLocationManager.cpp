@@ -47,7 +47,6 @@ struct BeaconKey {
   Uuid uuid;
   std::uint16_t major = 0;
   std::uint16_t minor = 0;
-  friend bool operator==(const BeaconKey&, const BeaconKey&) = default;
   friend auto operator<=>(const BeaconKey&, const BeaconKey&) = default;
 };
 
