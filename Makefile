@@ -4,7 +4,7 @@
 PRESET ?= default
 JOBS ?= $(shell nproc)
 
-.PHONY: deps build demo check asan tsan bench format clean
+.PHONY: deps build demo check asan tsan bench docs format clean
 
 deps:
 	@if [ "$$(id -u)" -eq 0 ] || command -v sudo >/dev/null; then bash scripts/install-deps.sh; fi
@@ -27,6 +27,9 @@ tsan:
 
 bench: build
 	@for b in build/$(PRESET)/bench/bench_*; do echo "== $$b"; $$b; done
+
+docs:
+	bash scripts/build-docs.sh
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
