@@ -1,3 +1,5 @@
+// The central manager and its peripherals against a scripted radio: scans,
+// links, discovery, values, and delivery on the main queue.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,10 +17,6 @@ using ::testing::IsEmpty;
 
 const radio::PeripheralId kA = "C0:FF:EE:00:00:0A";
 const radio::PeripheralId kB = "C0:FF:EE:00:00:0B";
-
-std::string valueText(const Data& value) {
-  return value ? "<" + test::hex(*value) + ">" : "null";
-}
 
 std::string errorText(ErrorRef error) {
   return error ? error->domain + "/" + std::to_string(error->code) : "ok";
@@ -86,7 +84,7 @@ class Recorder : public CBCentralManagerDelegate, public CBPeripheralDelegate {
   void didUpdateValueForCharacteristic(const std::shared_ptr<CBPeripheral>&,
                                        const std::shared_ptr<CBCharacteristic>& c,
                                        ErrorRef e) override {
-    note("value " + c->UUID().UUIDString() + " " + valueText(c->value()) + " " + errorText(e));
+    note("value " + c->UUID().UUIDString() + " " + test::hex(c->value()) + " " + errorText(e));
   }
   void didWriteValueForCharacteristic(const std::shared_ptr<CBPeripheral>&,
                                       const std::shared_ptr<CBCharacteristic>& c,
@@ -134,32 +132,6 @@ class CentralManagerTest : public ::testing::Test {
     auto lines = recorder->lines;
     recorder->lines.clear();
     return lines;
-  }
-
-  // A connected peripheral A whose service CC00FFC0 (handle 10) holds FF0C
-  // (write, value handle 12) and FFCC (read, value handle 14).
-  std::shared_ptr<CBPeripheral> discoveredAndConnected() {
-    manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
-    events()->radioDiscovered(report(kA, "12"));
-    dispatch::settle();
-    auto peripheral = recorder->discovered.at(0);
-    peripheral->setDelegate(recorder);
-    manager->connectPeripheral(peripheral, std::nullopt);
-    events()->radioConnected(kA);
-    peripheral->discoverServices(std::nullopt);
-    events()->radioServicesDiscovered(
-        kA, {{1, CBUUID::UUIDWithString("180A"), true}, {10, kService, true}}, std::nullopt);
-    dispatch::settle();
-    peripheral->discoverCharacteristics(std::nullopt, peripheral->services()->at(1));
-    events()->radioCharacteristicsDiscovered(
-        kA, 10,
-        {{12, CBUUID::UUIDWithString("FF0C"), CBCharacteristicPropertyWrite},
-         {14, CBUUID::UUIDWithString("FFCC"), CBCharacteristicPropertyRead}},
-        std::nullopt);
-    dispatch::settle();
-    recorder->lines.clear();
-    radio->calls.clear();
-    return peripheral;
   }
 
   const CBUUID kService = CBUUID::UUIDWithString("CC00FFC0-0451-4000-B000-000000000000");
@@ -212,18 +184,12 @@ TEST_F(CentralManagerTest, FoldsDuplicatesUnlessAsked) {
     events()->radioDiscovered(report(kB, std::nullopt, -50));
     events()->radioDiscovered(report(kA, "two", -61));  // data changed
     events()->radioDiscovered(report(kA, "two", -62));
-    const auto lines = settled();
-    if (c.duplicates) {
-      EXPECT_THAT(lines, ElementsAre("discover C0:FF:EE:00:00:0A one -60 name=one",
-                                     "discover C0:FF:EE:00:00:0A one -70 name=one",
-                                     "discover C0:FF:EE:00:00:0B - -50 name=-",
-                                     "discover C0:FF:EE:00:00:0A two -61 name=two",
-                                     "discover C0:FF:EE:00:00:0A two -62 name=two"));
-    } else {
-      EXPECT_THAT(lines, ElementsAre("discover C0:FF:EE:00:00:0A one -60 name=one",
-                                     "discover C0:FF:EE:00:00:0B - -50 name=-",
-                                     "discover C0:FF:EE:00:00:0A two -61 name=two"));
-    }
+    const std::vector<std::string> all = {"discover C0:FF:EE:00:00:0A one -60 name=one",
+                                          "discover C0:FF:EE:00:00:0A one -70 name=one",
+                                          "discover C0:FF:EE:00:00:0B - -50 name=-",
+                                          "discover C0:FF:EE:00:00:0A two -61 name=two",
+                                          "discover C0:FF:EE:00:00:0A two -62 name=two"};
+    EXPECT_EQ(settled(), (c.duplicates ? all : std::vector<std::string>{all[0], all[2], all[3]}));
     // One object per address, whatever the number of reports.
     std::map<radio::PeripheralId, std::shared_ptr<CBPeripheral>> first;
     for (const auto& p : recorder->discovered) {
@@ -238,7 +204,7 @@ TEST_F(CentralManagerTest, FoldsDuplicatesUnlessAsked) {
   }
 }
 
-TEST_F(CentralManagerTest, DropsReportsThatReachTheQueueAfterStopScan) {
+TEST_F(CentralManagerTest, DropsReportsThatReachTheQueueAfterStopScanOrRelease) {
   makeManager();
   manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
   events()->radioDiscovered(report(kA, "a"));
@@ -266,6 +232,14 @@ TEST_F(CentralManagerTest, DropsReportsThatReachTheQueueAfterStopScan) {
   events()->radioDiscovered(offering);
   EXPECT_THAT(settled(), ElementsAre("discover C0:FF:EE:00:00:0B b -60 name=b"));
   EXPECT_EQ(radio->calls.lines().back(), "startScan duplicates=0 services=FF0C");
+
+  // Released by the application from inside one of its own callbacks.
+  manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
+  recorder->onDiscover = [this](const std::shared_ptr<CBCentralManager>&) { manager.reset(); };
+  events()->radioDiscovered(report(kA, "a"));
+  events()->radioDiscovered(report(kB, "b"));
+  EXPECT_THAT(settled(), ElementsAre("discover C0:FF:EE:00:00:0A a -60 name=a"));
+  EXPECT_EQ(radio->calls.lines().back(), "close");
 }
 
 TEST_F(CentralManagerTest, ConnectionStatesFollowTheRadio) {
@@ -320,7 +294,9 @@ TEST_F(CentralManagerTest, ConnectionStatesFollowTheRadio) {
                           "connect C0:FF:EE:00:00:0A", "connect C0:FF:EE:00:00:0A"));
 }
 
-TEST_F(CentralManagerTest, DiscoveryFillsTheListsBeforeTheCallback) {
+// Discovery fills the lists before the callback; values and writes reach the
+// right characteristic; a destroyed manager delivers nothing more.
+TEST_F(CentralManagerTest, DiscoveryValuesAndTheEndOfTheManager) {
   makeManager();
   manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
   events()->radioDiscovered(report(kA, "12"));
@@ -366,14 +342,10 @@ TEST_F(CentralManagerTest, DiscoveryFillsTheListsBeforeTheCallback) {
       ElementsAre("discoverServices C0:FF:EE:00:00:0A 180A,CC00FFC0-0451-4000-B000-000000000000",
                   "discoverCharacteristics C0:FF:EE:00:00:0A 10 all",
                   "discoverServices C0:FF:EE:00:00:0A all"));
-}
 
-TEST_F(CentralManagerTest, ValuesAndWritesReachTheRightCharacteristic) {
-  makeManager();
-  auto peripheral = discoveredAndConnected();
-  auto characteristics = *peripheral->services()->at(1)->characteristics();
-  auto ff0c = characteristics.at(0);
-  auto ffcc = characteristics.at(1);
+  auto ff0c = service->characteristics()->at(0);
+  auto ffcc = service->characteristics()->at(1);
+  radio->calls.clear();
 
   peripheral->readValueForCharacteristic(ffcc);
   events()->radioValueUpdated(kA, 14, Bytes{0x0A, 0x0B}, std::nullopt);
@@ -395,13 +367,10 @@ TEST_F(CentralManagerTest, ValuesAndWritesReachTheRightCharacteristic) {
   EXPECT_THAT(radio->calls.lines(), ElementsAre("read C0:FF:EE:00:00:0A 14",
                                                 "write C0:FF:EE:00:00:0A 12 <0102> withResponse",
                                                 "write C0:FF:EE:00:00:0A 12 <> withoutResponse"));
-}
 
-TEST_F(CentralManagerTest, DestroyingTheManagerClosesTheSessionAndDeliversNothingMore) {
-  makeManager();
-  auto peripheral = discoveredAndConnected();
   events()->radioValueUpdated(kA, 14, Bytes{0x0A}, std::nullopt);
   events()->radioDisconnected(kA, std::nullopt);
+  radio->calls.clear();
   manager.reset();
   EXPECT_THAT(settled(), IsEmpty());
   EXPECT_THAT(radio->calls.lines(), ElementsAre("close"));
@@ -409,15 +378,6 @@ TEST_F(CentralManagerTest, DestroyingTheManagerClosesTheSessionAndDeliversNothin
   // A peripheral that outlives its manager asks nothing of the radio.
   peripheral->discoverServices(std::nullopt);
   EXPECT_THAT(radio->calls.lines(), ElementsAre("close"));
-
-  // Released by the application from inside one of its own callbacks.
-  makeManager();
-  manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
-  recorder->onDiscover = [this](const std::shared_ptr<CBCentralManager>&) { manager.reset(); };
-  events()->radioDiscovered(report(kA, "a"));
-  events()->radioDiscovered(report(kB, "b"));
-  EXPECT_THAT(settled(), ElementsAre("discover C0:FF:EE:00:00:0A a -60 name=a"));
-  EXPECT_EQ(radio->calls.lines().back(), "close");
 }
 
 }  // namespace

@@ -12,14 +12,15 @@
 
 namespace lumora::test {
 
-inline std::string hex(const Bytes& bytes) {
+inline std::string hex(const Data& bytes) {
+  if (!bytes) return "null";
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
-  for (auto b : bytes) {
+  for (auto b : *bytes) {
     out.push_back(kDigits[b >> 4]);
     out.push_back(kDigits[b & 0x0F]);
   }
-  return out;
+  return "<" + out + ">";
 }
 
 inline std::string uuidList(const std::optional<std::vector<CBUUID>>& uuids) {
@@ -50,16 +51,25 @@ class CallLog {
   std::vector<std::string> lines_;
 };
 
-class FakeCentralRadio : public radio::CentralRadio {
+/// A session that keeps the front's event receiver (null once the front is gone).
+template <typename Radio, typename Events>
+class FakeSession : public Radio {
  public:
-  explicit FakeCentralRadio(std::weak_ptr<radio::CentralEvents> events, CBManagerState state)
+  FakeSession(std::weak_ptr<Events> events, CBManagerState state)
       : events_(std::move(events)), state_(state) {}
-
-  /// The front's event receiver (null once the manager is gone).
-  std::shared_ptr<radio::CentralEvents> events() const { return events_.lock(); }
+  std::shared_ptr<Events> events() const { return events_.lock(); }
+  CBManagerState state() const override { return state_; }
+  void close() override { calls.add("close"); }
   CallLog calls;
 
-  CBManagerState state() const override { return state_; }
+ private:
+  std::weak_ptr<Events> events_;
+  CBManagerState state_;
+};
+
+class FakeCentralRadio : public FakeSession<radio::CentralRadio, radio::CentralEvents> {
+ public:
+  using FakeSession::FakeSession;
   void startScan(const radio::ScanParameters& p) override {
     calls.add("startScan duplicates=" + std::to_string(p.allowDuplicates) +
               " services=" + uuidList(p.services));
@@ -81,70 +91,52 @@ class FakeCentralRadio : public radio::CentralRadio {
   }
   void write(const radio::PeripheralId& p, radio::AttHandle c, const Bytes& value,
              bool withResponse) override {
-    calls.add("write " + p + " " + std::to_string(c) + " <" + hex(value) + "> " +
+    calls.add("write " + p + " " + std::to_string(c) + " " + hex(value) + " " +
               (withResponse ? "withResponse" : "withoutResponse"));
   }
-  void close() override { calls.add("close"); }
-
- private:
-  std::weak_ptr<radio::CentralEvents> events_;
-  CBManagerState state_;
 };
 
-struct Response {
-  radio::RequestId id;
-  CBATTError result;
-  Data value;
-};
-
-class FakePeripheralRadio : public radio::PeripheralRadio {
+class FakePeripheralRadio : public FakeSession<radio::PeripheralRadio, radio::PeripheralEvents> {
  public:
-  explicit FakePeripheralRadio(std::weak_ptr<radio::PeripheralEvents> events, CBManagerState state)
-      : events_(std::move(events)), state_(state) {}
-
-  std::shared_ptr<radio::PeripheralEvents> events() const { return events_.lock(); }
-  CallLog calls;
-
-  std::vector<std::pair<radio::ServiceToken, radio::LocalService>> added() const {
+  using FakeSession::FakeSession;
+  /// The tokens of addService(), in call order.
+  std::vector<radio::ServiceToken> tokens() const {
     std::lock_guard lock(mutex_);
-    return added_;
-  }
-  std::vector<CBAdvertisementData> advertised() const {
-    std::lock_guard lock(mutex_);
-    return advertised_;
-  }
-  std::vector<Response> responses() const {
-    std::lock_guard lock(mutex_);
-    return responses_;
+    return tokens_;
   }
 
-  CBManagerState state() const override { return state_; }
+  // A service reads "addService UUID primary|secondary" then, per
+  // characteristic, "UUID/properties/permissions/value".
   void addService(radio::ServiceToken token, const radio::LocalService& service) override {
-    std::lock_guard lock(mutex_);
-    added_.emplace_back(token, service);
+    std::string line =
+        "addService " + service.uuid.UUIDString() + (service.primary ? " primary" : " secondary");
+    for (const auto& c : service.characteristics) {
+      line += " " + c.uuid.UUIDString() + "/" + std::to_string(c.properties) + "/" +
+              std::to_string(c.permissions) + "/" + hex(c.value);
+    }
+    {
+      std::lock_guard lock(mutex_);
+      tokens_.push_back(token);
+    }
+    calls.add(line);
   }
   void removeService(radio::ServiceToken token) override {
     calls.add("removeService " + std::to_string(token));
   }
   void removeAllServices() override { calls.add("removeAllServices"); }
   void startAdvertising(const CBAdvertisementData& data) override {
-    std::lock_guard lock(mutex_);
-    advertised_.push_back(data);
+    calls.add("startAdvertising " +
+              (data == CBAdvertisementData{} ? "empty" : data.localName.value_or("?")));
   }
   void stopAdvertising() override { calls.add("stopAdvertising"); }
   void respond(radio::RequestId request, CBATTError result, const Data& value) override {
-    std::lock_guard lock(mutex_);
-    responses_.push_back({request, result, value});
+    calls.add("respond " + std::to_string(request) + " " +
+              std::to_string(static_cast<int>(result)) + " " + hex(value));
   }
-  void close() override { calls.add("close"); }
 
  private:
-  std::weak_ptr<radio::PeripheralEvents> events_;
-  CBManagerState state_;
   mutable std::mutex mutex_;
-  std::vector<std::pair<radio::ServiceToken, radio::LocalService>> added_;
-  std::vector<CBAdvertisementData> advertised_;
-  std::vector<Response> responses_;
+  std::vector<radio::ServiceToken> tokens_;
 };
 
 class FakeBackend : public radio::Backend {
@@ -164,17 +156,13 @@ class FakeBackend : public radio::Backend {
   CBManagerState adapterState() const override { return initialState; }
   std::shared_ptr<radio::CentralRadio> openCentral(
       std::weak_ptr<radio::CentralEvents> events) override {
-    auto session = std::make_shared<FakeCentralRadio>(std::move(events), initialState);
     std::lock_guard lock(mutex_);
-    central_ = session;
-    return session;
+    return central_ = std::make_shared<FakeCentralRadio>(std::move(events), initialState);
   }
   std::shared_ptr<radio::PeripheralRadio> openPeripheral(
       std::weak_ptr<radio::PeripheralEvents> events) override {
-    auto session = std::make_shared<FakePeripheralRadio>(std::move(events), initialState);
     std::lock_guard lock(mutex_);
-    peripheral_ = session;
-    return session;
+    return peripheral_ = std::make_shared<FakePeripheralRadio>(std::move(events), initialState);
   }
   std::shared_ptr<radio::Observation> observeAdvertisements(
       std::function<void(const radio::AdvertisingReport&)>) override {

@@ -87,6 +87,13 @@ TEST_F(Ranging, RunningAverageDropsATenthPlusOneAtEachEnd) {
       {"three: the middle one", {-40, -60, -100}, -60},
       {"ten: two off each end", {-20, -55, -58, -60, -60, -60, -62, -65, -99, -127}, -61},
       {"eleven: outliers gone", {-50, -50, -50, -50, -50, -50, -50, -50, -50, -100, -110}, -50},
+      {"a fast advertiser: the latest samples count",
+       [] {
+         std::vector<int> rssis(100, -90);
+         rssis.insert(rssis.end(), 255, -50);
+         return rssis;
+       }(),
+       -50},
   };
   for (const Case& c : cases) {
     SetUp();
@@ -100,41 +107,29 @@ TEST_F(Ranging, RunningAverageDropsATenthPlusOneAtEachEnd) {
   }
 }
 
+// Samples are timed on a 24-bit clock of 2^20 ns that wraps at 2^44 ns
+// (about 4.9 hours of radio time): the window holds across that instant too.
 TEST_F(Ranging, RunningAverageForgetsSamplesOutsideTheWindow) {
-  RangingOptions options;
-  options.averageWindow = 3s;
-  makeManager(options);
-  range();
-  emitReadings({-90, -90, -90, -90, -90});
-  radio_->advance(2500ms - radio_->now());
-  emitReadings({-60, -60, -60, -60, -60});
-  recorder_->calls.clear();
-  radio_->advance(4s - radio_->now());
-  ASSERT_EQ(recorder_->calls.size(), 2u);
-  // At 3 s all ten count (two off each end); at 4 s the first five are older
-  // than the window.
-  EXPECT_EQ(recorder_->calls[0].beacons.at(0)->rssi(), -75);
-  EXPECT_EQ(recorder_->calls[1].beacons.at(0)->rssi(), -60);
-}
-
-TEST_F(Ranging, RunningAverageWindowHoldsAcrossTheSampleClockWrap) {
-  // Samples are timed on a 24-bit clock of 2^20 ns that wraps at 2^44 ns
-  // (about 4.9 hours of radio time): ranging across that instant.
-  radio_->advance(std::chrono::nanoseconds(std::int64_t{1} << 44) - 2500ms);
-  RangingOptions options;
-  options.averageWindow = 3500ms;
-  makeManager(options);
-  range();  // ticks at 1.5 s and 0.5 s before the wrap, 0.5 s and 1.5 s after
-  emitReadings({-90, -90, -90, -90, -90});
-  radio_->advance(2600ms);  // just past the wrap
-  emitReadings({-60, -60, -60, -60, -60});
-  recorder_->calls.clear();
-  radio_->advance(1400ms);
-  ASSERT_EQ(recorder_->calls.size(), 2u);
-  // 0.5 s after the wrap all ten count; 1.5 s after, the first five are
-  // older than the window.
-  EXPECT_EQ(recorder_->calls[0].beacons.at(0)->rssi(), -75);
-  EXPECT_EQ(recorder_->calls[1].beacons.at(0)->rssi(), -60);
+  for (const radio::Nanos start : {radio::Nanos(0), radio::Nanos(std::int64_t{1} << 44) - 2500ms}) {
+    SCOPED_TRACE(start.count());
+    SetUp();
+    radio_->advance(start);
+    RangingOptions options;
+    options.averageWindow = 3500ms;
+    makeManager(options);
+    range();  // ticks one, two, three and four seconds after the start
+    emitReadings({-90, -90, -90, -90, -90});
+    radio_->advance(2600ms - 5ms);  // past the wrap, if there is one
+    emitReadings({-60, -60, -60, -60, -60});
+    recorder_->calls.clear();
+    radio_->advance(1400ms);
+    ASSERT_EQ(recorder_->calls.size(), 2u);
+    // At three seconds all ten count (two off each end); at four the first
+    // five are older than the window.
+    EXPECT_EQ(recorder_->calls[0].beacons.at(0)->rssi(), -75);
+    EXPECT_EQ(recorder_->calls[1].beacons.at(0)->rssi(), -60);
+    TearDown();
+  }
 }
 
 TEST_F(Ranging, AReadingTimedJustAfterTheTickStillCounts) {
@@ -146,15 +141,6 @@ TEST_F(Ranging, AReadingTimedJustAfterTheTickStillCounts) {
   radio_->advance(1s);
   ASSERT_EQ(lastCall().beacons.size(), 1u);
   EXPECT_EQ(lastCall().beacons[0]->rssi(), -70);
-}
-
-TEST_F(Ranging, RunningAverageKeepsTheLatestSamplesOfAFastAdvertiser) {
-  makeManager();
-  range();
-  for (int i = 0; i < 100; ++i) radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -90));
-  for (int i = 0; i < 255; ++i) radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -50));
-  toNextTick();
-  EXPECT_EQ(lastCall().beacons.at(0)->rssi(), -50);
 }
 
 TEST_F(Ranging, ArmaFollowsEachSampleFromTheFirst) {
@@ -234,12 +220,13 @@ TEST_F(Ranging, ABeaconGoesStaleThenDropsOut) {
   }
 }
 
+// Accuracy comes from each beacon's own measured power.
 TEST_F(Ranging, ResultsAreNearestFirstUnknownLastTiesByIdentity) {
   makeManager();
   auto region = range();
   radio_->emit(FakeRadio::beacon(kUuid, 1, 7, -80));  // goes stale
   radio_->advance(2500ms);
-  radio_->emit(FakeRadio::beacon(kUuid, 1, 5, -70));
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 5, -70, -70));  // its own power: about 1 m
   radio_->emit(FakeRadio::beacon(kUuid, 2, 1, -60));
   radio_->emit(FakeRadio::beacon(kUuid, 1, 2, -60));
   radio_->emit(FakeRadio::beacon(kUuid, 1, 3, -50));
@@ -248,25 +235,14 @@ TEST_F(Ranging, ResultsAreNearestFirstUnknownLastTiesByIdentity) {
   const auto& beacons = lastCall().beacons;
   std::vector<std::pair<int, int>> order;
   for (const auto& b : beacons) order.emplace_back(b->major().intValue(), b->minor().intValue());
-  const std::vector<std::pair<int, int>> expected = {{1, 3}, {1, 2}, {2, 1},
-                                                     {1, 5}, {1, 4}, {1, 7}};
+  const std::vector<std::pair<int, int>> expected = {{1, 3}, {1, 5}, {1, 2},
+                                                     {2, 1}, {1, 4}, {1, 7}};
   EXPECT_EQ(order, expected);
+  EXPECT_NEAR(beacons[1]->accuracy(), 1.01076, 1e-4);
+  EXPECT_EQ(beacons[1]->proximity(), CLProximity::Near);
   // The uncalibrated beacon still shows what it was heard at.
   EXPECT_EQ(beacons[4]->rssi(), -40);
   EXPECT_EQ(beacons[4]->accuracy(), -1.0);
-}
-
-TEST_F(Ranging, AccuracyUsesTheBeaconsOwnMeasuredPower) {
-  makeManager();
-  range();
-  emitReadings({-70}, 1, -70);
-  emitReadings({-70}, 2, -59);
-  toNextTick();
-  const auto& beacons = lastCall().beacons;
-  ASSERT_EQ(beacons.size(), 2u);
-  EXPECT_NEAR(beacons[0]->accuracy(), 1.01076, 1e-4);
-  EXPECT_EQ(beacons[0]->proximity(), CLProximity::Near);
-  EXPECT_NEAR(beacons[1]->accuracy(), 3.4724, 1e-3);
 }
 
 TEST_F(Ranging, EachRegionSeesItsOwnBeaconsInStartOrder) {
@@ -296,20 +272,6 @@ TEST_F(Ranging, EachRegionSeesItsOwnBeaconsInStartOrder) {
   }
 }
 
-TEST_F(Ranging, EmptyResultsComeEveryPeriod) {
-  RangingOptions options;
-  options.period = 250ms;
-  makeManager(options);
-  auto region = range();
-  radio_->advance(1s);
-  ASSERT_EQ(recorder_->calls.size(), 4u);
-  for (const auto& call : recorder_->calls) EXPECT_TRUE(call.beacons.empty());
-  // The delegate is held weakly: once gone it is simply not called.
-  recorder_.reset();
-  EXPECT_EQ(manager_->delegate(), nullptr);
-  radio_->advance(1s);
-}
-
 TEST_F(Ranging, StartIsNotDoubledAndUnknownStopsAreIgnored) {
   makeManager();
   auto region = range();
@@ -322,9 +284,16 @@ TEST_F(Ranging, StartIsNotDoubledAndUnknownStopsAreIgnored) {
   EXPECT_EQ(recorder_->calls.size(), 2u);
   EXPECT_EQ(radio_->observers(), 1u);
   EXPECT_EQ(radio_->pendingTimers(), 1u);
+
+  // A tick that outlives its stop neither reports nor doubles the ticking.
+  radio_->setCancelTooLate(true);
+  manager_->stopRangingBeaconsInRegion(region);
+  manager_->startRangingBeaconsInRegion(region);
+  radio_->advance(3s);
+  EXPECT_EQ(recorder_->calls.size(), 5u);
 }
 
-TEST_F(Ranging, StopWithholdsEvenAResultAlreadyQueued) {
+TEST_F(Ranging, StopOrDestroyWithholdsEvenAResultAlreadyQueued) {
   makeManager();
   auto region = range();
   auto kept = range(1);
@@ -349,16 +318,16 @@ TEST_F(Ranging, StopWithholdsEvenAResultAlreadyQueued) {
   EXPECT_EQ(radio_->pendingTimers(), 0u);
   radio_->advance(3s);
   EXPECT_EQ(recorder_->calls.size(), 2u);
-}
 
-TEST_F(Ranging, ATickThatOutlivesItsStopNeitherReportsNorDoublesTicking) {
-  makeManager();
-  auto region = range();
-  radio_->setCancelTooLate(true);
-  manager_->stopRangingBeaconsInRegion(region);
-  manager_->startRangingBeaconsInRegion(region);
-  radio_->advance(3s);
-  EXPECT_EQ(recorder_->calls.size(), 3u);
+  // Destroying the manager withholds a queued result too, and stops everything.
+  range();
+  radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -60));
+  radio_->advance(1s, /*settle=*/false);
+  manager_.reset();
+  EXPECT_EQ(radio_->observers(), 0u);
+  EXPECT_EQ(radio_->pendingTimers(), 0u);
+  dispatch::settle();
+  EXPECT_EQ(recorder_->calls.size(), 2u);
 }
 
 TEST_F(Ranging, ADelegateMayStopAnotherRegionFromItsCallback) {
@@ -371,38 +340,6 @@ TEST_F(Ranging, ADelegateMayStopAnotherRegionFromItsCallback) {
   radio_->advance(1s);
   ASSERT_EQ(recorder_->calls.size(), 1u);
   EXPECT_EQ(recorder_->calls[0].region, first);
-}
-
-TEST_F(Ranging, DestroyingTheManagerStopsEverything) {
-  makeManager();
-  range();
-  radio_->emit(FakeRadio::beacon(kUuid, 1, 1, -60));
-  radio_->advance(1s, /*settle=*/false);
-  manager_.reset();
-  EXPECT_EQ(radio_->observers(), 0u);
-  EXPECT_EQ(radio_->pendingTimers(), 0u);
-  dispatch::settle();
-  EXPECT_TRUE(recorder_->calls.empty());
-}
-
-TEST_F(Ranging, RecordsAreBoundedAndTheStalestGoesFirst) {
-  RangingOptions options;
-  options.maxBeaconsPerRegion = 8;
-  makeManager(options);
-  range();
-  for (std::uint16_t minor = 0; minor < 100; ++minor) {
-    radio_->emit(FakeRadio::beacon(kUuid, 1, minor, -60));
-    radio_->advance(1ms);
-  }
-  // The oldest of the survivors is heard again, so the next newcomer evicts
-  // the one after it.
-  radio_->emit(FakeRadio::beacon(kUuid, 1, 92, -60));
-  radio_->advance(1ms);
-  radio_->emit(FakeRadio::beacon(kUuid, 1, 500, -60));
-  toNextTick();
-  std::vector<int> minors;
-  for (const auto& b : lastCall().beacons) minors.push_back(b->minor().intValue());
-  EXPECT_EQ(minors, (std::vector<int>{92, 94, 95, 96, 97, 98, 99, 500}));
 }
 
 // Identities churn through a small table (lookups, evictions, slot reuse):
@@ -434,28 +371,14 @@ TEST_F(Ranging, RecordsStayExactUnderChurn) {
   }
 }
 
-TEST_F(Ranging, PowerOffEmptiesResultsUntilPowerReturns) {
+TEST_F(Ranging, OnlyAnAuthorizedApplicationWithPowerSeesBeacons) {
   makeManager();
-  range();
-  emitReadings({-90, -90, -90});
-  toNextTick();
-  ASSERT_EQ(lastCall().beacons.size(), 1u);
-
-  radio_->setAdapterState(CBManagerState::PoweredOff);
-  emitReadings({-90});
-  toNextTick();
-  EXPECT_TRUE(lastCall().beacons.empty());
-
-  radio_->setAdapterState(CBManagerState::PoweredOn);
-  emitReadings({-50});
-  toNextTick();
-  // Nothing heard before the outage counts after it.
-  ASSERT_EQ(lastCall().beacons.size(), 1u);
-  EXPECT_EQ(lastCall().beacons[0]->rssi(), -50);
-}
-
-TEST_F(Ranging, OnlyAnAuthorizedApplicationSeesBeacons) {
-  makeManager();
+  // A request is only recorded: no status change, no callback.
+  manager_->requestWhenInUseAuthorization();
+  manager_->requestAlwaysAuthorization();
+  EXPECT_EQ(manager_->requestedAuthorization(), CLAuthorizationStatus::AuthorizedAlways);
+  radio_->advance(2s);
+  EXPECT_TRUE(recorder_->calls.empty());
   range();
   const std::pair<int, bool> cases[] = {{0, false}, {1, false}, {2, false},
                                         {3, true},  {4, true},  {5, false}};
@@ -466,20 +389,23 @@ TEST_F(Ranging, OnlyAnAuthorizedApplicationSeesBeacons) {
     toNextTick();
     EXPECT_EQ(lastCall().beacons.size(), seen ? 1u : 0u) << "status " << status;
   }
-}
-
-TEST_F(Ranging, AuthorizationRequestsAreOnlyRecorded) {
-  makeManager();
-  EXPECT_FALSE(manager_->requestedAuthorization());
-  manager_->requestWhenInUseAuthorization();
-  manager_->requestAlwaysAuthorization();
-  EXPECT_EQ(manager_->requestedAuthorization(), CLAuthorizationStatus::AuthorizedAlways);
-  EXPECT_TRUE(manager_->pausesLocationUpdatesAutomatically());
-  manager_->setPausesLocationUpdatesAutomatically(false);
-  EXPECT_FALSE(manager_->pausesLocationUpdatesAutomatically());
-  radio_->advance(2s);
-  EXPECT_TRUE(recorder_->calls.empty());
   EXPECT_EQ(recorder_->failures, 0);
+
+  // Power off empties the results; nothing heard before the outage counts
+  // after it.
+  radio_->setAuthorization(3);
+  emitReadings({-90, -90, -90});
+  toNextTick();
+  ASSERT_EQ(lastCall().beacons.size(), 1u);
+  radio_->setAdapterState(CBManagerState::PoweredOff);
+  emitReadings({-90});
+  toNextTick();
+  EXPECT_TRUE(lastCall().beacons.empty());
+  radio_->setAdapterState(CBManagerState::PoweredOn);
+  emitReadings({-50});
+  toNextTick();
+  ASSERT_EQ(lastCall().beacons.size(), 1u);
+  EXPECT_EQ(lastCall().beacons[0]->rssi(), -50);
 }
 
 TEST_F(Ranging, OptionsAreTakenAtCreationAndKeptSane) {
@@ -490,13 +416,18 @@ TEST_F(Ranging, OptionsAreTakenAtCreationAndKeptSane) {
   EXPECT_EQ(CLLocationManager::defaultRangingOptions().period, 1ms);
   EXPECT_EQ(CLLocationManager::defaultRangingOptions().maxBeaconsPerRegion, 1u);
 
-  RangingOptions slow;
-  slow.period = 500ms;
-  makeManager(slow);
+  RangingOptions quick;
+  quick.period = 250ms;
+  makeManager(quick);
   range();
   CLLocationManager::setDefaultRangingOptions({});  // affects later managers only
   radio_->advance(1s);
-  EXPECT_EQ(recorder_->calls.size(), 2u);
+  ASSERT_EQ(recorder_->calls.size(), 4u);  // empty results come every period too
+  for (const auto& call : recorder_->calls) EXPECT_TRUE(call.beacons.empty());
+  // The delegate is held weakly: once gone it is simply not called.
+  recorder_.reset();
+  EXPECT_EQ(manager_->delegate(), nullptr);
+  radio_->advance(1s);
 }
 
 // The radio's thread feeds readings and runs ticks while the main thread

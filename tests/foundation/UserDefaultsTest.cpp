@@ -34,37 +34,28 @@ nlohmann::json readJson(const std::filesystem::path& path) {
 TEST(UserDefaults, SurvivesARestartWithKinds) {
   TempDir dir;
   const auto file = dir.file("nested/folder/defaults.json");  // folders created on write
-  {
-    NSUserDefaults first(file);
-    first.setObject(Number::numberWithBool(true), "DisconnectFlag");
-    first.setObject(Number::numberWithInt(-59), "power");
-    first.setObject(Number(18446744073709551615ull), "huge");
-    first.setObject(Number(2.0), "ratio");
-    first.setObject(std::string("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"), "uuid");
-    first.setObject(Bytes{0x01, 0xAB}, "blob");
-    first.setObject(Bytes{}, "empty");
-    first.setObject(std::string("gone"), "removed");
-    first.removeObjectForKey("removed");
-  }
-  NSUserDefaults second(file);  // a new process reading the same file
-  const struct {
-    const char* key;
-    Object value;
-  } expected[] = {
-      {"DisconnectFlag", Number(true)},
-      {"power", Number(-59)},
+  const std::pair<const char*, Object> stored[] = {
+      {"DisconnectFlag", Number::numberWithBool(true)},
+      {"power", Number::numberWithInt(-59)},
       {"huge", Number(18446744073709551615ull)},
       {"ratio", Number(2.0)},
       {"uuid", std::string("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0")},
       {"blob", Bytes{0x01, 0xAB}},
       {"empty", Bytes{}},
   };
-  for (const auto& e : expected) {
-    const auto got = second.objectForKey(e.key);
-    ASSERT_TRUE(got) << e.key;
-    EXPECT_EQ(*got, e.value) << e.key;
-    if (const auto* n = std::get_if<Number>(&e.value)) {
-      EXPECT_EQ(std::get<Number>(*got).kind(), n->kind()) << e.key;
+  {
+    NSUserDefaults first(file);
+    for (const auto& [key, value] : stored) first.setObject(value, key);
+    first.setObject(std::string("gone"), "removed");
+    first.removeObjectForKey("removed");
+  }
+  NSUserDefaults second(file);  // a new process reading the same file
+  for (const auto& [key, value] : stored) {
+    const auto got = second.objectForKey(key);
+    ASSERT_TRUE(got) << key;
+    EXPECT_EQ(*got, value) << key;
+    if (const auto* n = std::get_if<Number>(&value)) {
+      EXPECT_EQ(std::get<Number>(*got).kind(), n->kind()) << key;
     }
   }
   EXPECT_FALSE(second.objectForKey("removed"));
@@ -78,6 +69,13 @@ TEST(UserDefaults, SurvivesARestartWithKinds) {
   EXPECT_TRUE(json["ratio"].is_number_float());
   EXPECT_EQ(json["blob"], nlohmann::json({{"$data", "01ab"}}));
   EXPECT_FALSE(json.contains("removed"));
+
+  // A store re-reads the file only when told to.
+  NSUserDefaults(file).setObject(std::string("v"), "k");
+  EXPECT_FALSE(second.objectForKey("k"));
+  EXPECT_TRUE(second.synchronize());
+  EXPECT_EQ(second.objectForKey("k"), Object(std::string("v")));
+  EXPECT_TRUE(NSUserDefaults(dir.file("none.json")).synchronize());  // no file is no failure
 }
 
 TEST(UserDefaults, BoolReadingOfStoredObjects) {
@@ -97,21 +95,15 @@ TEST(UserDefaults, BoolReadingOfStoredObjects) {
   };
   for (const auto& c : cases) {
     d.setObject(c.value, "key");
-    EXPECT_EQ(d.boolForKey("key"), c.expected) << std::visit(
-        [](const auto& v) {
-          if constexpr (std::is_same_v<std::decay_t<decltype(v)>, Number>) return v.stringValue();
-          if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::string>) return v;
-          return std::string("bytes");
-        },
-        c.value);
+    EXPECT_EQ(d.boolForKey("key"), c.expected) << "row " << &c - cases;
   }
   d.setObject(std::nullopt, "key");  // a null value removes the key
   EXPECT_FALSE(d.objectForKey("key"));
 }
 
+// Damage is reported once on the log, naming the file, and never thrown.
 TEST(UserDefaults, UnreadableFileIsReportedOnceAndReadAsEmpty) {
-  const char* damaged[] = {"{not json", "[1, 2, 3]", "", "{\"a\": 1"};
-  for (const char* text : damaged) {
+  for (const char* text : {"{not json", "[1, 2, 3]", "", "{\"a\": 1"}) {
     SCOPED_TRACE(text);
     TempDir dir;
     const auto file = dir.file("defaults.json");
@@ -120,9 +112,8 @@ TEST(UserDefaults, UnreadableFileIsReportedOnceAndReadAsEmpty) {
     NSUserDefaults d(file);
     EXPECT_FALSE(d.objectForKey("a"));
     EXPECT_FALSE(d.synchronize());
-    const auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find(file.string()), std::string::npos) << lines[0];
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_NE(log.lines()[0].find(file.string()), std::string::npos) << log.lines()[0];
 
     // The next write replaces the damage with a readable file.
     d.setObject(Number(1), "a");
@@ -140,114 +131,72 @@ TEST(UserDefaults, UnwritableFolderIsLoggedNotThrown) {
   NSUserDefaults d(file);
   d.setObject(Number(7), "k");
   EXPECT_EQ(d.objectForKey("k"), Object(Number(7)));  // kept for this process
-  const auto lines = log.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find(file.string()), std::string::npos) << lines[0];
-}
-
-TEST(UserDefaults, SynchronizeSeesAnotherWriter) {
-  TempDir dir;
-  const auto file = dir.file("defaults.json");
-  NSUserDefaults reader(file);
-  EXPECT_TRUE(reader.synchronize());  // no file yet is not a failure
-  NSUserDefaults(file).setObject(std::string("v"), "k");
-  EXPECT_FALSE(reader.objectForKey("k"));
-  EXPECT_TRUE(reader.synchronize());
-  EXPECT_EQ(reader.objectForKey("k"), Object(std::string("v")));
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_NE(log.lines()[0].find(file.string()), std::string::npos) << log.lines()[0];
 }
 
 TEST(UserDefaults, ConcurrentWritersLoseNothing) {
   TempDir dir;
   const auto file = dir.file("defaults.json");
-  NSUserDefaults d(file);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&d, t] {
-      for (int i = 0; i < 5; ++i)
-        d.setObject(Number(i), "t" + std::to_string(t) + "_" + std::to_string(i));
-    });
+  auto key = [](int t, int i) { return "t" + std::to_string(t) + "_" + std::to_string(i); };
+  {
+    NSUserDefaults d(file);
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < 5; ++i) d.setObject(Number(i), key(t, i));
+      });
+    }
   }
-  for (auto& th : threads) th.join();
   NSUserDefaults reread(file);
   for (int t = 0; t < 4; ++t) {
-    for (int i = 0; i < 5; ++i) {
-      EXPECT_EQ(reread.objectForKey("t" + std::to_string(t) + "_" + std::to_string(i)),
-                Object(Number(i)));
-    }
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(reread.objectForKey(key(t, i)), Object(Number(i)));
   }
 }
 
-// Environment changes for one test, undone afterwards.
+// Sets (or with null unsets) an environment variable until destroyed.
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, const char* value) : name_(name) {
     if (const char* old = std::getenv(name)) old_ = old;
-    if (value) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
+    value ? setenv(name, value, 1) : unsetenv(name);
   }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
+  ~ScopedEnv() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
 
  private:
   const char* name_;
   std::optional<std::string> old_;
 };
 
-class StandardDefaults : public ::testing::Test {
- protected:
-  void TearDown() override {
-    NSUserDefaults::setStandardPath({});
+TEST(StandardDefaults, PathRulesInPrecedenceThenSharedUntilReset) {
+  TempDir dir;
+  const auto file = dir.file("env.json");
+  const auto xdg = dir.path() / "xdg";
+  ScopedEnv home("HOME", (dir.path() / "home").c_str());
+  const struct {
+    const char* lumora;
+    const char* xdgHome;
+    std::filesystem::path expected;
+  } cases[] = {
+      {file.c_str(), xdg.c_str(), file},
+      {nullptr, xdg.c_str(), xdg / "lumora/defaults.json"},
+      {"", nullptr, dir.path() / "home/.config/lumora/defaults.json"},
+  };
+  for (const auto& c : cases) {
+    ScopedEnv lumora("LUMORA_DEFAULTS", c.lumora);
+    ScopedEnv xdgEnv("XDG_CONFIG_HOME", c.xdgHome);
     NSUserDefaults::resetStandardUserDefaults();
+    EXPECT_EQ(NSUserDefaults::standardUserDefaults()->path(), c.expected);
   }
-  TempDir dir_;
-};
-
-TEST_F(StandardDefaults, PathRulesInPrecedence) {
-  const auto envFile = dir_.file("env.json");
-  const auto xdg = dir_.path() / "xdg";
-  const auto home = dir_.path() / "home";
-  ScopedEnv homeEnv("HOME", home.c_str());
-  {
-    ScopedEnv lumora("LUMORA_DEFAULTS", envFile.c_str());
-    ScopedEnv xdgEnv("XDG_CONFIG_HOME", xdg.c_str());
-    NSUserDefaults::resetStandardUserDefaults();
-    EXPECT_EQ(NSUserDefaults::standardUserDefaults()->path(), envFile);
-
-    NSUserDefaults::setStandardPath(dir_.file("explicit.json"));
-    EXPECT_EQ(NSUserDefaults::standardUserDefaults()->path(), dir_.file("explicit.json"));
-    NSUserDefaults::setStandardPath({});
-  }
-  {
-    ScopedEnv lumora("LUMORA_DEFAULTS", nullptr);
-    ScopedEnv xdgEnv("XDG_CONFIG_HOME", xdg.c_str());
-    NSUserDefaults::resetStandardUserDefaults();
-    EXPECT_EQ(NSUserDefaults::standardUserDefaults()->path(), xdg / "lumora" / "defaults.json");
-  }
-  {
-    ScopedEnv lumora("LUMORA_DEFAULTS", "");
-    ScopedEnv xdgEnv("XDG_CONFIG_HOME", nullptr);
-    NSUserDefaults::resetStandardUserDefaults();
-    EXPECT_EQ(NSUserDefaults::standardUserDefaults()->path(),
-              home / ".config" / "lumora" / "defaults.json");
-  }
-}
-
-TEST_F(StandardDefaults, SharedUntilResetThenReloadedFromDisk) {
-  const auto file = dir_.file("defaults.json");
   ScopedEnv lumora("LUMORA_DEFAULTS", file.c_str());
+  NSUserDefaults::setStandardPath(dir.file("explicit.json"));  // wins over the environment
+  EXPECT_EQ(NSUserDefaults::standardUserDefaults()->path(), dir.file("explicit.json"));
+  NSUserDefaults::setStandardPath({});
   NSUserDefaults::resetStandardUserDefaults();
+
   const auto first = NSUserDefaults::standardUserDefaults();
   EXPECT_EQ(NSUserDefaults::standardUserDefaults(), first);
   first->setObject(Number::numberWithBool(true), "DisconnectFlag");
-
   // Another process changes the file; the shared store only sees it once reset.
   NSUserDefaults(file).setObject(std::string("other"), "written");
   EXPECT_FALSE(NSUserDefaults::standardUserDefaults()->objectForKey("written"));
@@ -256,6 +205,7 @@ TEST_F(StandardDefaults, SharedUntilResetThenReloadedFromDisk) {
   EXPECT_NE(second, first);
   EXPECT_TRUE(second->boolForKey("DisconnectFlag"));
   EXPECT_EQ(second->objectForKey("written"), Object(std::string("other")));
+  NSUserDefaults::resetStandardUserDefaults();
 }
 
 // A writer killed at arbitrary moments must leave the old or the new file,

@@ -50,69 +50,54 @@ class AirPeripheral : public ::testing::Test {
     air->advance(10ms);
   }
 
+  // Opens a central session that scans until it hears the manager; returns
+  // the manager's address as heard.
+  std::string openClient() {
+    client = air->openCentral(central);
+    client->startScan({});
+    air->advance(200ms);
+    return central->reports().at(0).address;
+  }
+
   std::shared_ptr<Air> air;
   std::shared_ptr<PeripheralRecorder> recorder;
   std::shared_ptr<radio::PeripheralRadio> session;
+  std::shared_ptr<CentralRecorder> central = std::make_shared<CentralRecorder>();
+  std::shared_ptr<radio::CentralRadio> client;
 };
 
-TEST_F(AirPeripheral, RegistrationIsConfirmedOnceAfterTheLatency) {
-  session->addService(7, customService());
+// Each registration is confirmed once, after the link latency; an injected
+// failure registers nothing, and the same service twice makes two copies.
+TEST_F(AirPeripheral, RegistrationsAreConfirmedOnceAfterTheLatency) {
+  air->failNextServiceRegistration(Error{CBErrorDomain, 4, "full"});
+  for (radio::ServiceToken token : {1, 2, 3}) session->addService(token, customService());
   air->advance(4ms);
   EXPECT_TRUE(recorder->log().empty());
   air->advance(1ms);
-  EXPECT_EQ(recorder->log(), std::vector<std::string>{"added 7 ok"});
-}
-
-TEST_F(AirPeripheral, InjectedRegistrationFailureRegistersNothing) {
-  air->failNextServiceRegistration(Error{CBErrorDomain, 4, "full"});
-  session->addService(1, customService());
-  session->addService(2, customService());
-  air->advance(10ms);
-  EXPECT_EQ(recorder->log(), (std::vector<std::string>{"added 1 cb 4", "added 2 ok"}));
+  EXPECT_EQ(recorder->log(), (Lines{"added 1 cb 4", "added 2 ok", "added 3 ok"}));
 
   session->startAdvertising(advertisement("12"));
   air->advance(10ms);
-  auto central = air->addCentral();
-  ASSERT_TRUE(central->connectByName("12"));
-  EXPECT_EQ(central->discover().size(), 1u);
-}
-
-TEST_F(AirPeripheral, RegistrationAndAdvertisingNeedPower) {
-  air->setAdapterState(CBManagerState::PoweredOff);
-  session->addService(1, customService());
-  session->startAdvertising(advertisement("12"));
-  air->advance(10ms);
-  EXPECT_EQ(recorder->log(),
-            (std::vector<std::string>{"state 4", "advertising cb 0", "added 1 cb 0"}));
-}
-
-TEST_F(AirPeripheral, SameServiceTwiceMakesTwoCopiesInOrder) {
-  session->addService(1, customService());
-  session->addService(2, customService());
-  air->advance(10ms);
-  session->startAdvertising(advertisement("12"));
-  air->advance(10ms);
-  auto central = air->addCentral();
-  ASSERT_TRUE(central->connectByName("12"));
-  const auto found = central->discover();
+  auto remote = air->addCentral();
+  ASSERT_TRUE(remote->connectByName("12"));
+  const auto found = remote->discover();
   ASSERT_EQ(found.size(), 2u);
   for (const auto& [uuid, characteristics] : found) {
     EXPECT_EQ(uuid, kService);
     EXPECT_EQ(characteristics, (std::vector<CBUUID>{kWrite, kRead, kFixed}));
   }
-  session->removeService(1);
-  EXPECT_EQ(central->discover().size(), 1u);
+  session->removeService(2);
+  EXPECT_EQ(remote->discover().size(), 1u);
   session->removeAllServices();
-  EXPECT_TRUE(central->discover().empty());
+  EXPECT_TRUE(remote->discover().empty());
 }
 
 TEST_F(AirPeripheral, AdvertisingIsHeardInTheAirLikeADevice) {
-  auto central = std::make_shared<CentralRecorder>();
-  auto scanner = air->openCentral(central);
-  scanner->startScan({});
+  client = air->openCentral(central);
+  client->startScan({});
   air->setLocalPeripheralDistance(3.0);
   publish(1, "1234ab");
-  EXPECT_EQ(recorder->log(), (std::vector<std::string>{"added 1 ok", "advertising ok"}));
+  EXPECT_EQ(recorder->log(), (Lines{"added 1 ok", "advertising ok"}));
   air->advance(60s);
 
   const auto reports = central->reports();
@@ -133,13 +118,13 @@ TEST_F(AirPeripheral, AdvertisingIsHeardInTheAirLikeADevice) {
   EXPECT_EQ(central->reports().size(), heard);
 }
 
-TEST_F(AirPeripheral, VirtualCentralWritesAreAnsweredByRespond) {
+TEST_F(AirPeripheral, VirtualCentralWritesAndBatchesAreAnsweredByRespond) {
   publish();
-  auto central = air->addCentral("5C:00:00:00:AA:01");
-  EXPECT_FALSE(central->connectByName("nobody"));
-  ASSERT_TRUE(central->connectByName("12"));
+  auto remote = air->addCentral("5C:00:00:00:AA:01");
+  EXPECT_FALSE(remote->connectByName("nobody"));
+  ASSERT_TRUE(remote->connectByName("12"));
   std::vector<CBATTError> results;
-  central->write(kWrite, ascii("abc"), [&](CBATTError e) { results.push_back(e); });
+  remote->write(kWrite, ascii("abc"), [&](CBATTError e) { results.push_back(e); });
   air->advance(5ms);
 
   const auto writes = recorder->writes();
@@ -160,33 +145,30 @@ TEST_F(AirPeripheral, VirtualCentralWritesAreAnsweredByRespond) {
   air->advance(10ms);
   EXPECT_EQ(results, std::vector<CBATTError>{CBATTError::Success});
 
-  central->write(kWrite, ascii("x"), [&](CBATTError e) { results.push_back(e); });
+  remote->write(kWrite, ascii("x"), [&](CBATTError e) { results.push_back(e); });
   air->advance(5ms);
   session->respond(recorder->writes().back()[0].id, CBATTError::InvalidOffset, std::nullopt);
   air->advance(5ms);
   EXPECT_EQ(results, (std::vector<CBATTError>{CBATTError::Success, CBATTError::InvalidOffset}));
-}
 
-TEST_F(AirPeripheral, WriteBatchArrivesAsOneListAndCompletesOnce) {
-  publish();
-  auto central = air->addCentral();
-  ASSERT_TRUE(central->connectByName("12"));
+  // A batch arrives as one list and completes once, when all are answered.
   std::vector<std::vector<CBATTError>> done;
-  central->writeBatch(kWrite, {ascii("ab"), ascii("cde"), ascii("f")},
-                      [&](std::vector<CBATTError> r) { done.push_back(std::move(r)); });
+  remote->writeBatch(kWrite, {ascii("ab"), ascii("cde"), ascii("f")},
+                     [&](std::vector<CBATTError> r) { done.push_back(std::move(r)); });
   air->advance(5ms);
-  const auto writes = recorder->writes();
-  ASSERT_EQ(writes.size(), 1u);
-  ASSERT_EQ(writes[0].size(), 3u);
-  EXPECT_EQ(writes[0][0].value, ascii("ab"));
-  EXPECT_EQ(writes[0][1].offset, 2);
-  EXPECT_EQ(writes[0][2].offset, 5);
+  const auto batches = recorder->writes();
+  ASSERT_EQ(batches.size(), 3u);
+  const auto& batch = batches[2];
+  ASSERT_EQ(batch.size(), 3u);
+  EXPECT_EQ(batch[0].value, ascii("ab"));
+  EXPECT_EQ(batch[1].offset, 2);
+  EXPECT_EQ(batch[2].offset, 5);
 
-  session->respond(writes[0][0].id, CBATTError::Success, std::nullopt);
-  session->respond(writes[0][2].id, CBATTError::Success, std::nullopt);
+  session->respond(batch[0].id, CBATTError::Success, std::nullopt);
+  session->respond(batch[2].id, CBATTError::Success, std::nullopt);
   air->advance(10ms);
   EXPECT_TRUE(done.empty());
-  session->respond(writes[0][1].id, CBATTError::WriteNotPermitted, std::nullopt);
+  session->respond(batch[1].id, CBATTError::WriteNotPermitted, std::nullopt);
   air->advance(10ms);
   ASSERT_EQ(done.size(), 1u);
   EXPECT_EQ(done[0], (std::vector<CBATTError>{CBATTError::Success, CBATTError::WriteNotPermitted,
@@ -195,13 +177,13 @@ TEST_F(AirPeripheral, WriteBatchArrivesAsOneListAndCompletesOnce) {
 
 TEST_F(AirPeripheral, VirtualCentralReadsCarryTheOffsetAndGetTheAnswer) {
   publish();
-  auto central = air->addCentral();
-  ASSERT_TRUE(central->connectByName("12"));
+  auto remote = air->addCentral();
+  ASSERT_TRUE(remote->connectByName("12"));
   std::vector<std::pair<CBATTError, Data>> answers;
   auto keep = [&](CBATTError e, const Data& v) { answers.emplace_back(e, v); };
-  central->read(kRead, 0, keep);
-  central->read(kRead, 20, keep);
-  central->read(kRead, 0, keep);
+  remote->read(kRead, 0, keep);
+  remote->read(kRead, 20, keep);
+  remote->read(kRead, 0, keep);
   air->advance(5ms);
   const auto reads = recorder->reads();
   ASSERT_EQ(reads.size(), 3u);
@@ -220,9 +202,9 @@ TEST_F(AirPeripheral, VirtualCentralReadsCarryTheOffsetAndGetTheAnswer) {
 
   // A value of the radio's own is served without asking the manager; the
   // wrong kind of request is refused by the radio.
-  central->read(kFixed, 2, keep);
-  central->write(kRead, ascii("no"), [&](CBATTError e) { answers.emplace_back(e, std::nullopt); });
-  central->read(CBUUID::UUIDWithString("2A00"), 0, keep);
+  remote->read(kFixed, 2, keep);
+  remote->write(kRead, ascii("no"), [&](CBATTError e) { answers.emplace_back(e, std::nullopt); });
+  remote->read(CBUUID::UUIDWithString("2A00"), 0, keep);
   air->advance(5ms);
   ASSERT_EQ(answers.size(), 6u);
   EXPECT_EQ(answers[3], (std::pair<CBATTError, Data>{CBATTError::Success, ascii("mora")}));
@@ -254,38 +236,26 @@ TEST_F(AirPeripheral, SeveralCentralsAreServedIndependentlyInArrivalOrder) {
   // waiting write fails, the second's answer stands.
   session->respond(writes[1][0].id, CBATTError::Success, std::nullopt);
   air->advance(5ms);
-  EXPECT_EQ(done, std::vector<std::string>{"2a"});
+  EXPECT_EQ(done, Lines{"2a"});
   first->disconnect();
   EXPECT_FALSE(first->isConnected());
   EXPECT_TRUE(second->isConnected());
   session->respond(writes[0][0].id, CBATTError::Success, std::nullopt);
   air->advance(5ms);
-  EXPECT_EQ(done, (std::vector<std::string>{"2a", "1a", "1b"}));
+  EXPECT_EQ(done, (Lines{"2a", "1a", "1b"}));
 }
 
 TEST_F(AirPeripheral, CentralSessionTalksToTheLocalManager) {
   publish(3, "12");
-  auto central = std::make_shared<CentralRecorder>();
-  auto client = air->openCentral(central);
-  client->startScan({});
-  air->advance(200ms);
-  const auto reports = central->reports();
-  ASSERT_FALSE(reports.empty());
-  const std::string address = reports[0].address;
+  const std::string address = openClient();
   client->stopScan();
-  client->connect(address);
-  air->advance(5ms);
-  client->discoverServices(address, std::nullopt);
-  air->advance(5ms);
+  central->discoverAll(*air, *client, address);
   ASSERT_EQ(central->services().size(), 1u);
   EXPECT_EQ(central->services()[0].uuid, kService);
-  client->discoverCharacteristics(address, central->services()[0].handle, std::nullopt);
-  air->advance(5ms);
   const auto characteristics = central->characteristics();
   ASSERT_EQ(characteristics.size(), 3u);
   EXPECT_EQ(characteristics[0].uuid, kWrite);
   EXPECT_EQ(characteristics[1].uuid, kRead);
-  central->clear();
 
   client->write(address, characteristics[0].handle, ascii("hi"), true);
   client->read(address, characteristics[1].handle);
@@ -303,38 +273,29 @@ TEST_F(AirPeripheral, CentralSessionTalksToTheLocalManager) {
   const std::string w = std::to_string(characteristics[0].handle);
   const std::string r = std::to_string(characteristics[1].handle);
   const std::string f = std::to_string(characteristics[2].handle);
-  EXPECT_EQ(central->log(),
-            (std::vector<std::string>{"value " + address + " " + f + " <4c756d6f 7261> ok",
-                                      "written " + address + " " + w + " ok",
-                                      "value " + address + " " + r + " <6f6b> ok",
-                                      "value " + address + " " + r + " <> ok"}));
+  EXPECT_EQ(central->log(), (Lines{"value " + address + " " + f + " <4c756d6f 7261> ok",
+                                   "written " + address + " " + w + " ok",
+                                   "value " + address + " " + r + " <6f6b> ok",
+                                   "value " + address + " " + r + " <> ok"}));
 }
 
 TEST_F(AirPeripheral, AttemptWaitsUntilTheManagerAdvertises) {
   publish();
-  auto central = std::make_shared<CentralRecorder>();
-  auto client = air->openCentral(central);
-  client->startScan({});
-  air->advance(200ms);
-  const std::string address = central->reports().at(0).address;
+  const std::string address = openClient();
   session->stopAdvertising();
   client->connect(address);
   air->advance(1s);
   EXPECT_TRUE(central->log().empty());
   session->startAdvertising(advertisement("12"));
   air->advance(10ms);
-  EXPECT_EQ(central->log(), std::vector<std::string>{"connected " + address});
+  EXPECT_EQ(central->log(), Lines{"connected " + address});
 }
 
 TEST_F(AirPeripheral, ClosingWithdrawsEverythingAndFailsWaitingRequests) {
   publish();
   auto remote = air->addCentral();
   ASSERT_TRUE(remote->connectByName("12"));
-  auto central = std::make_shared<CentralRecorder>();
-  auto client = air->openCentral(central);
-  client->startScan({});
-  air->advance(200ms);
-  const std::string address = central->reports().at(0).address;
+  const std::string address = openClient();
   client->connect(address);
   air->advance(5ms);
   std::vector<CBATTError> results;
@@ -351,11 +312,22 @@ TEST_F(AirPeripheral, ClosingWithdrawsEverythingAndFailsWaitingRequests) {
             (std::vector<CBATTError>{CBATTError::UnlikelyError, CBATTError::UnlikelyError}));
   EXPECT_FALSE(remote->isConnected());
   EXPECT_FALSE(remote->connectByName("12"));
-  EXPECT_EQ(central->log(), std::vector<std::string>{"disconnected " + address + " cb 7"});
+  EXPECT_EQ(central->log(), Lines{"disconnected " + address + " cb 7"});
   EXPECT_TRUE(central->reports().empty());
 }
 
+// Registration and advertising need power; a power cycle stops advertising
+// but keeps the services.
 TEST_F(AirPeripheral, PowerCycleStopsAdvertisingButKeepsServices) {
+  air->setAdapterState(CBManagerState::PoweredOff);
+  session->addService(1, customService());
+  session->startAdvertising(advertisement("12"));
+  air->advance(10ms);
+  EXPECT_EQ(recorder->log(), (Lines{"state 4", "advertising cb 0", "added 1 cb 0"}));
+  air->setAdapterState(CBManagerState::PoweredOn);
+  air->advance(10ms);
+  recorder->clear();
+
   publish();
   auto remote = air->addCentral();
   ASSERT_TRUE(remote->connectByName("12"));
@@ -364,8 +336,7 @@ TEST_F(AirPeripheral, PowerCycleStopsAdvertisingButKeepsServices) {
   EXPECT_FALSE(remote->isConnected());
   air->setAdapterState(CBManagerState::PoweredOn);
   air->advance(10ms);
-  EXPECT_EQ(recorder->log(),
-            (std::vector<std::string>{"added 1 ok", "advertising ok", "state 4", "state 5"}));
+  EXPECT_EQ(recorder->log(), (Lines{"added 1 ok", "advertising ok", "state 4", "state 5"}));
   EXPECT_FALSE(remote->connectByName("12"));  // advertising must be started again
 
   session->startAdvertising(advertisement("12"));

@@ -66,7 +66,7 @@ TEST_F(DefaultRadio, IsTheBuiltInSceneUnlessTheEnvironmentNamesAnother) {
   setenv("LUMORA_BACKEND", ("sim:" + path).c_str(), 1);
   air = std::dynamic_pointer_cast<Air>(radio::makeDefaultBackend());
   ASSERT_NE(air, nullptr);
-  EXPECT_EQ(air->deviceAddresses(), std::vector<std::string>{"C0:FF:EE:00:00:42"});
+  EXPECT_EQ(air->deviceAddresses(), Lines{"C0:FF:EE:00:00:42"});
 
   setenv("LUMORA_BACKEND", "carrier-pigeon", 1);
   try {
@@ -77,23 +77,19 @@ TEST_F(DefaultRadio, IsTheBuiltInSceneUnlessTheEnvironmentNamesAnother) {
   }
 }
 
-TEST(RealTimeAir, EventsFireFromTheMainRunLoop) {
+TEST(RealTimeAir, TimersAndAdvertisementsRunFromTheMainRunLoop) {
   auto air = Air::create({.clock = ClockMode::RealTime});
   EXPECT_THROW(air->advance(1s), std::logic_error);
   bool late = false, early = false;
   air->scheduleAfter(40ms, [&] { late = true; });
   // Queued after the first timer was armed, due before it: the air re-arms.
   air->scheduleAfter(1ms, [&] { early = true; });
-  EXPECT_TRUE(RunLoop::main().runUntil([&] { return early; }, 5s));
-  EXPECT_TRUE(RunLoop::main().runUntil([&] { return late; }, 5s));
-  EXPECT_GE(air->now(), 40ms);
-}
-
-TEST(RealTimeAir, AdvertisementsArriveWhileTheLoopRuns) {
-  auto air = Air::create({.clock = ClockMode::RealTime});
   air->addDevice({.localName = "RealTime", .advertisingInterval = 20ms});
   ReportSink sink;
   sink.observe(*air);
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return early; }, 5s));
+  EXPECT_TRUE(RunLoop::main().runUntil([&] { return late; }, 5s));
+  EXPECT_GE(air->now(), 40ms);
   EXPECT_TRUE(RunLoop::main().runUntil([&] { return sink.reports->size() >= 3; }, 5s));
   EXPECT_EQ(sink.reports->front().advertisement.localName, "RealTime");
 }

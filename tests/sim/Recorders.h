@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <numeric>
 #include <string>
@@ -14,6 +16,7 @@
 namespace lumora::sim::test {
 
 using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
 
 inline std::string errorText(const std::optional<Error>& e) {
   if (!e) return "ok";
@@ -24,18 +27,42 @@ inline Bytes ascii(std::string_view text) {
   return Bytes(text.begin(), text.end());
 }
 
-class CentralRecorder : public radio::CentralEvents {
+// Events may come from the air's thread or a worker: everything is locked.
+class Recording {
+ public:
+  Lines log() const { return get(log_); }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    log_.clear();
+  }
+
+ protected:
+  template <typename T>
+  T get(const T& field) const {
+    std::lock_guard lock(mutex_);
+    return field;
+  }
+  // Runs `keep` (which may store details) and logs `line`, under the lock.
+  void line(std::string text, const std::function<void()>& keep = {}) {
+    std::lock_guard lock(mutex_);
+    if (keep) keep();
+    log_.push_back(std::move(text));
+  }
+  mutable std::mutex mutex_;
+
+ private:
+  Lines log_;
+};
+
+class CentralRecorder : public radio::CentralEvents, public Recording {
  public:
   struct Value {
     radio::AttHandle handle = 0;
     Data value;
-    std::optional<Error> error;
   };
 
   void radioStateChanged(CBManagerState state) override {
-    std::lock_guard lock(mutex_);
-    states_.push_back(state);
-    log_.push_back(std::string("state ") + std::to_string(static_cast<int>(state)));
+    line("state " + std::to_string(static_cast<int>(state)));
   }
   void radioDiscovered(const radio::AdvertisingReport& report) override {
     std::lock_guard lock(mutex_);
@@ -52,79 +79,67 @@ class CentralRecorder : public radio::CentralEvents {
   void radioServicesDiscovered(const radio::PeripheralId& peer,
                                const std::vector<radio::RemoteService>& services,
                                const std::optional<Error>& error) override {
-    std::lock_guard lock(mutex_);
-    services_ = services;
-    log_.push_back("services " + peer + " " + std::to_string(services.size()) + " " +
-                   errorText(error));
+    line("services " + peer + " " + std::to_string(services.size()) + " " + errorText(error),
+         [&] { services_ = services; });
   }
   void radioCharacteristicsDiscovered(const radio::PeripheralId& peer, radio::AttHandle service,
                                       const std::vector<radio::RemoteCharacteristic>& found,
                                       const std::optional<Error>& error) override {
-    std::lock_guard lock(mutex_);
-    characteristics_ = found;
-    log_.push_back("characteristics " + peer + " " + std::to_string(service) + " " +
-                   std::to_string(found.size()) + " " + errorText(error));
+    line("characteristics " + peer + " " + std::to_string(service) + " " +
+             std::to_string(found.size()) + " " + errorText(error),
+         [&] { characteristics_ = found; });
   }
   void radioValueUpdated(const radio::PeripheralId& peer, radio::AttHandle handle,
                          const Data& value, const std::optional<Error>& error) override {
-    std::lock_guard lock(mutex_);
-    values_.push_back({handle, value, error});
-    log_.push_back("value " + peer + " " + std::to_string(handle) + " " +
-                   (value ? description(*value) : std::string("null")) + " " + errorText(error));
+    line("value " + peer + " " + std::to_string(handle) + " " +
+             (value ? description(*value) : std::string("null")) + " " + errorText(error),
+         [&] {
+           values_.push_back({handle, value});
+         });
   }
   void radioValueWritten(const radio::PeripheralId& peer, radio::AttHandle handle,
                          const std::optional<Error>& error) override {
     line("written " + peer + " " + std::to_string(handle) + " " + errorText(error));
   }
 
-  std::vector<std::string> log() const {
-    std::lock_guard lock(mutex_);
-    return log_;
-  }
-  std::vector<radio::AdvertisingReport> reports() const {
-    std::lock_guard lock(mutex_);
-    return reports_;
-  }
-  std::vector<CBManagerState> states() const {
-    std::lock_guard lock(mutex_);
-    return states_;
-  }
-  std::vector<radio::RemoteService> services() const {
-    std::lock_guard lock(mutex_);
-    return services_;
-  }
-  std::vector<radio::RemoteCharacteristic> characteristics() const {
-    std::lock_guard lock(mutex_);
-    return characteristics_;
-  }
-  std::vector<Value> values() const {
-    std::lock_guard lock(mutex_);
-    return values_;
-  }
+  std::vector<radio::AdvertisingReport> reports() const { return get(reports_); }
+  std::vector<radio::RemoteService> services() const { return get(services_); }
+  std::vector<radio::RemoteCharacteristic> characteristics() const { return get(characteristics_); }
+  std::vector<Value> values() const { return get(values_); }
   void clear() {
+    Recording::clear();
     std::lock_guard lock(mutex_);
-    log_.clear();
     reports_.clear();
     values_.clear();
-    states_.clear();
+  }
+
+  /// Connects to `peer` and discovers all its services and characteristics;
+  /// returns the value handle of each characteristic by UUID text, and
+  /// leaves the recording empty.
+  std::map<std::string, radio::AttHandle> discoverAll(Air& air, radio::CentralRadio& session,
+                                                      const std::string& peer) {
+    session.connect(peer);
+    air.advance(10ms);
+    session.discoverServices(peer, std::nullopt);
+    air.advance(10ms);
+    std::map<std::string, radio::AttHandle> handles;
+    for (const auto& s : services()) {
+      session.discoverCharacteristics(peer, s.handle, std::nullopt);
+      air.advance(10ms);
+      for (const auto& c : characteristics()) handles.emplace(c.uuid.UUIDString(), c.handle);
+    }
+    clear();
+    return handles;
   }
 
  private:
-  void line(std::string text) {
-    std::lock_guard lock(mutex_);
-    log_.push_back(std::move(text));
-  }
-
-  mutable std::mutex mutex_;
-  std::vector<std::string> log_;
   std::vector<radio::AdvertisingReport> reports_;
-  std::vector<CBManagerState> states_;
   std::vector<radio::RemoteService> services_;
   std::vector<radio::RemoteCharacteristic> characteristics_;
   std::vector<Value> values_;
 };
 
-class PeripheralRecorder : public radio::PeripheralEvents {
+class PeripheralRecorder : public radio::PeripheralEvents, public Recording {
  public:
   void radioStateChanged(CBManagerState state) override {
     line("state " + std::to_string(static_cast<int>(state)));
@@ -136,37 +151,16 @@ class PeripheralRecorder : public radio::PeripheralEvents {
     line("advertising " + errorText(error));
   }
   void radioReadRequest(const radio::AttRequest& request) override {
-    std::lock_guard lock(mutex_);
-    reads_.push_back(request);
-    log_.push_back("read " + std::to_string(request.characteristic));
+    line("read " + std::to_string(request.characteristic), [&] { reads_.push_back(request); });
   }
   void radioWriteRequests(const std::vector<radio::AttRequest>& requests) override {
-    std::lock_guard lock(mutex_);
-    writes_.push_back(requests);
-    log_.push_back("write x" + std::to_string(requests.size()));
+    line("write x" + std::to_string(requests.size()), [&] { writes_.push_back(requests); });
   }
 
-  std::vector<std::string> log() const {
-    std::lock_guard lock(mutex_);
-    return log_;
-  }
-  std::vector<radio::AttRequest> reads() const {
-    std::lock_guard lock(mutex_);
-    return reads_;
-  }
-  std::vector<std::vector<radio::AttRequest>> writes() const {
-    std::lock_guard lock(mutex_);
-    return writes_;
-  }
+  std::vector<radio::AttRequest> reads() const { return get(reads_); }
+  std::vector<std::vector<radio::AttRequest>> writes() const { return get(writes_); }
 
  private:
-  void line(std::string text) {
-    std::lock_guard lock(mutex_);
-    log_.push_back(std::move(text));
-  }
-
-  mutable std::mutex mutex_;
-  std::vector<std::string> log_;
   std::vector<radio::AttRequest> reads_;
   std::vector<std::vector<radio::AttRequest>> writes_;
 };
@@ -191,11 +185,6 @@ struct ReportSink {
       ++n;
     }
     return n ? sum / static_cast<double>(n) : std::nan("");
-  }
-  std::size_t countFrom(const std::string& address) const {
-    return static_cast<std::size_t>(
-        std::count_if(reports->begin(), reports->end(),
-                      [&](const radio::AdvertisingReport& r) { return r.address == address; }));
   }
 };
 
