@@ -284,6 +284,8 @@ void Engine::dropLinks() {
   }
   expectedEcho_.clear();
   notifyRequested_.clear();
+  // The links are gone; replies to writes still in flight find no queue.
+  writes_.clear();
 }
 
 // --- GATT client ----------------------------------------------------------------------
@@ -472,18 +474,55 @@ void Engine::write(std::uint64_t session, const radio::PeripheralId& peripheral,
     });
     return;
   }
-  dbus::OutDict options{{"type", std::string(withResponse ? "request" : "command")}};
-  callBluez(
-      *path, kGattCharacteristic1, "WriteValue", {value, options}, dbus::ReplyKind::None,
-      dbus::kDefaultTimeout,
-      [session, peripheral, characteristic, withResponse](Engine& e, const dbus::Result& result) {
-        if (!withResponse) return;
-        std::optional<Error> error;
-        if (result.error) error = clientError(*result.error, true);
-        e.toCentral(session, [&](radio::CentralEvents& ev) {
-          ev.radioValueWritten(peripheral, characteristic, error);
-        });
+  auto& queue = writes_[*path];
+  queue.push_back({++writeSerial_, session, peripheral, characteristic, value, withResponse});
+  if (queue.size() == 1) sendWrite(*path);
+}
+
+// Sends the write at the front of the characteristic's queue; its reply
+// sends the next one. A write whose link went away while it waited fails
+// as the platform fails it.
+void Engine::sendWrite(const std::string& characteristicPath) {
+  while (true) {
+    const auto queue = writes_.find(characteristicPath);
+    if (queue == writes_.end()) return;
+    if (queue->second.empty()) {
+      writes_.erase(queue);
+      return;
+    }
+    const QueuedWrite& next = queue->second.front();
+    const auto* link = findLink(next.session, next.peripheral);
+    if (link != nullptr && link->phase == Link::Phase::Connected) break;
+    const QueuedWrite dropped = next;
+    queue->second.pop_front();
+    if (dropped.withResponse) {
+      const auto error = linkError(CBError::NotConnected);
+      toCentral(dropped.session, [&](radio::CentralEvents& e) {
+        e.radioValueWritten(dropped.peripheral, dropped.characteristic, error);
       });
+    }
+  }
+  const QueuedWrite& next = writes_[characteristicPath].front();
+  dbus::OutDict options{{"type", std::string(next.withResponse ? "request" : "command")}};
+  callBluez(characteristicPath, kGattCharacteristic1, "WriteValue", {next.value, options},
+            dbus::ReplyKind::None, dbus::kDefaultTimeout,
+            [characteristicPath, serial = next.serial](Engine& e, const dbus::Result& result) {
+              auto queue = e.writes_.find(characteristicPath);
+              if (queue == e.writes_.end() || queue->second.empty() ||
+                  queue->second.front().serial != serial) {
+                return;  // dropped with its link
+              }
+              const QueuedWrite done = std::move(queue->second.front());
+              queue->second.pop_front();
+              if (done.withResponse) {
+                std::optional<Error> error;
+                if (result.error) error = clientError(*result.error, true);
+                e.toCentral(done.session, [&](radio::CentralEvents& ev) {
+                  ev.radioValueWritten(done.peripheral, done.characteristic, error);
+                });
+              }
+              e.sendWrite(characteristicPath);
+            });
 }
 
 void Engine::valueChanged(const std::string& characteristicPath, const Bytes& value) {

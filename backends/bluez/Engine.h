@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -107,6 +108,15 @@ class Engine : public std::enable_shared_from_this<Engine> {
     std::uint64_t attempt = 0;  // tells this attempt's replies from older ones
     std::optional<RunLoop::TimerId> timer;
     std::vector<std::optional<std::vector<CBUUID>>> waitingForServices;
+  };
+  // A write waiting for its turn on one characteristic.
+  struct QueuedWrite {
+    std::uint64_t serial = 0;  // tells its reply from that of a dropped one
+    std::uint64_t session = 0;
+    radio::PeripheralId peripheral;
+    radio::AttHandle characteristic = 0;
+    Bytes value;
+    bool withResponse = true;
   };
   struct CentralSession {
     std::weak_ptr<radio::CentralEvents> events;
@@ -224,6 +234,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void deviceConnected(const std::string& devicePath, bool connected);
   void servicesResolved(const std::string& devicePath);
   void valueChanged(const std::string& characteristicPath, const Bytes& value);
+  void sendWrite(const std::string& characteristicPath);
   void forgetDevice(const std::string& devicePath);
   void dropLinks();
   void disconnectDevice(const std::string& devicePath);
@@ -280,6 +291,11 @@ class Engine : public std::enable_shared_from_this<Engine> {
   std::set<std::string> notifyRequested_;      // characteristic paths we asked to notify
   std::map<std::string, radio::AttHandle> synthetic_;  // paths without a handle in their name
   radio::AttHandle nextSynthetic_ = 0xF000;
+  // bluetoothd 5.66 refuses a write (InProgress) while one to the same
+  // characteristic is in flight, so writes wait here, per characteristic
+  // path, in order; the front one is in flight.
+  std::map<std::string, std::deque<QueuedWrite>> writes_;
+  std::uint64_t writeSerial_ = 0;
 
   std::map<std::uint64_t, PeripheralSession> peripherals_;
   std::uint64_t serial_ = 0;
