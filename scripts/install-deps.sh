@@ -10,6 +10,10 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev libfmt-dev
   libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbusmock
+  # Checks around the library: Debian packaging, API reference, captures,
+  # the real bluetoothd in a qemu guest.
+  dpkg-dev file doxygen tshark
+  debootstrap qemu-system-x86 cpio
 )
 
 missing=()
