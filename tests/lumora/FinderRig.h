@@ -91,14 +91,4 @@ class FinderRig {
   std::shared_ptr<TQBleFinder> finder;
 };
 
-inline const State kConneting{90, "TQBeacon Conneting..."};
-inline const State kDisconnected{90, "TQBeacon Disconnected"};
-inline const State kReadData{90, "TQBeacon ReadData"};
-inline const State kStartScan{90, "Start Scan peripherals"};
-inline const State kStopScan{90, "Stop Scan peripherals"};
-inline const State kConnectPeripheral{50, "Connect Peripheral"};
-inline const State kDidDisconnect{51, "didDisconnectPeripheral"};
-inline const State kLost{90, "beacon connection lost"};
-inline const State kRecv{80, "BLE RECV DATA"};
-
 }  // namespace lumora::test
