@@ -36,10 +36,10 @@ if ! cmake --build "$build" --target bench_peers >"$build/bench_peers.build.log"
 fi
 
 installed() {
-  local spec name wanted
-  for spec in "${peers[@]}"; do
-    name=${spec%@*}
-    wanted=${spec##*@}
+  local pinned name wanted
+  for pinned in "${peers[@]}"; do
+    name=${pinned%@*}
+    wanted=${pinned##*@}
     [ -f "$cache/node_modules/$name/package.json" ] || return 1
     node -e 'process.exit(require(process.argv[1]).version === process.argv[2] ? 0 : 1)' \
       "$cache/node_modules/$name/package.json" "$wanted" || return 1
