@@ -16,48 +16,21 @@
 #include "Foundation/NSLog.h"
 #include "Lumora/TQBleFinder.h"
 #include "backends/sim/Air.h"
+#include "bench/CountingFinder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using lumora::Bytes;
 using lumora::CBUUID;
-
-/// A finder that counts what reaches two of its callbacks before handling
-/// them as usual.
-class CountingFinder : public lumora::TQBleFinder {
- public:
-  void didDiscoverPeripheral(const std::shared_ptr<lumora::CBCentralManager>& central,
-                             const std::shared_ptr<lumora::CBPeripheral>& peripheral,
-                             const lumora::CBAdvertisementData& advertisementData,
-                             const lumora::Number& RSSI) override {
-    ++discovered;
-    TQBleFinder::didDiscoverPeripheral(central, peripheral, advertisementData, RSSI);
-  }
-  void didWriteValueForCharacteristic(
-      const std::shared_ptr<lumora::CBPeripheral>& peripheral,
-      const std::shared_ptr<lumora::CBCharacteristic>& characteristic,
-      lumora::ErrorRef error) override {
-    ++written;
-    TQBleFinder::didWriteValueForCharacteristic(peripheral, characteristic, error);
-  }
-
-  std::uint64_t discovered = 0;
-  std::uint64_t written = 0;
-};
+using lumora::bench::CountingFinder;
+using lumora::bench::QuietLog;
 
 /// The application side: takes every event and does nothing with it.
 struct QuietApp : lumora::TQBleFinderDelegate {
   void didDiscoverBeacon(const lumora::CLBeaconList&,
                          const std::shared_ptr<lumora::CLBeaconRegion>&) override {}
   void didstate(std::int32_t, const std::string&, const lumora::Data&) override {}
-};
-
-/// Log lines are formatted as usual but not written out.
-struct QuietLog {
-  QuietLog() : previous(lumora::setLogSink([](std::string_view) {})) {}
-  ~QuietLog() { lumora::setLogSink(std::move(previous)); }
-  lumora::LogSink previous;
 };
 
 void BM_AdvertisementsIntoDiscovery(benchmark::State& state) {

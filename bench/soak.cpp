@@ -28,23 +28,13 @@
 #include "Lumora/TQBeaconAP.h"
 #include "Lumora/TQBleFinder.h"
 #include "backends/sim/Air.h"
+#include "bench/CountingFinder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-/// Counts every discovery report before handling it as usual.
-class CountingFinder : public lumora::TQBleFinder {
- public:
-  void didDiscoverPeripheral(const std::shared_ptr<lumora::CBCentralManager>& central,
-                             const std::shared_ptr<lumora::CBPeripheral>& peripheral,
-                             const lumora::CBAdvertisementData& advertisementData,
-                             const lumora::Number& RSSI) override {
-    ++discovered;
-    TQBleFinder::didDiscoverPeripheral(central, peripheral, advertisementData, RSSI);
-  }
-  std::uint64_t discovered = 0;
-};
+using lumora::bench::CountingFinder;
+using lumora::bench::QuietLog;
 
 struct CountingApp : lumora::TQBleFinderDelegate {
   void didDiscoverBeacon(const lumora::CLBeaconList& beacons,
@@ -98,7 +88,7 @@ void BM_SoakRotatingAddresses(benchmark::State& state) {
   constexpr std::size_t kOnAir = 1000;
   constexpr std::size_t kTurnover = kOnAir / 10;  // per 100 ms
 
-  const auto previousSink = lumora::setLogSink([](std::string_view) {});
+  QuietLog quiet;
   std::mt19937_64 rng(7);
   const lumora::Uuid uuid = *lumora::TQBeaconAP::sharedDefaults()->defaultProximityUUID();
   CountingApp app;
@@ -145,7 +135,6 @@ void BM_SoakRotatingAddresses(benchmark::State& state) {
   finder.reset();
   air->settle();
   lumora::radio::Backend::setCurrent(nullptr);
-  lumora::setLogSink(previousSink);
 }
 BENCHMARK(BM_SoakRotatingAddresses)->Iterations(1)->Unit(benchmark::kSecond);
 
