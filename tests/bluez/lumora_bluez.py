@@ -348,15 +348,29 @@ class Handlers:
         # bluetoothd refreshes its cached Value after every read.
         emit_changed(self.path, CHRC, {'Value': byte_array(value)})
 
-    @dbus.service.method(CHRC, in_signature='aya{sv}', out_signature='', byte_arrays=True)
-    def WriteValue(self, value, options):
+    @dbus.service.method(CHRC, in_signature='aya{sv}', out_signature='', byte_arrays=True,
+                         async_callbacks=('ok', 'err'))
+    def WriteValue(self, value, options, ok=None, err=None):
+        # As bluetoothd: one write per characteristic at a time; another one
+        # before the remote has answered is refused with InProgress.
+        if getattr(self, 'writing', False):
+            err(BluezError('InProgress', 'In Progress'))
+            return
         adapter = adapter_of(self.path)
         adapter.writes.setdefault(self.path, []).append(
             {'value': bytes(value).hex(), 'options': plain(options)})
         failure = adapter.char_errors.get((self.path, 'write'))
         if failure:
-            raise dbus.exceptions.DBusException(failure[1], name=failure[0])
+            err(dbus.exceptions.DBusException(failure[1], name=failure[0]))
+            return
         self.props[CHRC]['Value'] = byte_array(bytes(value))
+        self.writing = True
+
+        def answered():
+            self.writing = False
+            ok()
+            return False
+        GLib.timeout_add(5, answered)
 
     @dbus.service.method(CHRC, in_signature='', out_signature='')
     def StartNotify(self):
