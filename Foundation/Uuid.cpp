@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cstring>
+#include <ostream>
 #include <random>
 
 namespace lumora {
@@ -201,6 +202,10 @@ void Uuid::writeString(char* out) const {
   out[23] = '-';
   putDigits<4>(out + 24, third >> 32);
   putDigits<8>(out + 28, fourth);
+}
+
+std::ostream& operator<<(std::ostream& out, const UuidText& text) {
+  return out << text.view();
 }
 
 std::string Uuid::UUIDString() const {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,6 +48,41 @@ class Uuid {
 
  private:
   Storage bytes_{};
+};
+
+/// The canonical text of a UUID held inline: what decoders hand out for every
+/// advertisement, so making one allocates nothing (36 characters do not fit
+/// a std::string's small buffer). Reads as a string_view; str() copies.
+///
+///   UuidText text(uuid);
+///   std::puts(text.c_str());
+///   if (text == "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0") ...
+class UuidText {
+ public:
+  static constexpr std::size_t kLength = 36;
+
+  /// The nil UUID's text.
+  constexpr UuidText() noexcept : chars_{"00000000-0000-0000-0000-000000000000"} {}
+  explicit UuidText(const Uuid& uuid) noexcept : UuidText() { assign(uuid); }
+  /// Rewrites the text in place (decoders fill a record where it lies).
+  void assign(const Uuid& uuid) noexcept { uuid.writeString(chars_.data()); }
+
+  const char* data() const noexcept { return chars_.data(); }
+  const char* c_str() const noexcept { return chars_.data(); }
+  static constexpr std::size_t size() noexcept { return kLength; }
+  std::string_view view() const noexcept { return {chars_.data(), kLength}; }
+  operator std::string_view() const noexcept { return view(); }
+  std::string str() const { return std::string(view()); }
+
+  friend bool operator==(const UuidText& a, const UuidText& b) noexcept {
+    return a.view() == b.view();
+  }
+  friend bool operator==(const UuidText& a, std::string_view b) noexcept { return a.view() == b; }
+  friend bool operator==(const UuidText& a, const char* b) noexcept { return a.view() == b; }
+  friend std::ostream& operator<<(std::ostream& out, const UuidText& text);
+
+ private:
+  std::array<char, kLength + 1> chars_;
 };
 
 }  // namespace lumora

@@ -94,7 +94,7 @@ void forEachCharacteristic(const std::shared_ptr<CBPeripheral>& peripheral,
 // --- Beacon-info record -------------------------------------------------------
 
 Dictionary TQBleFinder::BeaconInfo::dictionary() const {
-  return Dictionary{{"uuid", uuid}, {"major", major}, {"minor", minor}, {"power", power}};
+  return Dictionary{{"uuid", uuid.str()}, {"major", major}, {"minor", minor}, {"power", power}};
 }
 
 // --- Set-up and ranging -------------------------------------------------------
@@ -193,23 +193,24 @@ bool TQBleFinder::advDataIsBeacon(const Data& data) {
 }
 
 std::optional<TQBleFinder::BeaconInfo> TQBleFinder::getBeaconInfoFromData(const Data& data) {
-  // One object on every path, so the record is built where the caller wants
-  // it: applications decode every advertisement, and the UUID text is then
-  // the only allocation.
-  std::optional<BeaconInfo> out;
+  // Applications decode every advertisement, so the record is filled where
+  // the caller wants it (one object on every path: no copy on return) and
+  // nothing is allocated, the UUID text included.
+  std::optional<BeaconInfo> out(std::in_place);
   // Bytes 0 to 3 are the caller's to test (advDataIsBeacon); a frame too
   // short to hold the power byte gives no record rather than a padded one.
-  if (!data || data->size() < kBeaconFrameLength) return out;
+  if (!data || data->size() < kBeaconFrameLength) {
+    out.reset();
+    return out;
+  }
   const std::uint8_t* bytes = data->data();
   const auto bigEndian = [bytes](std::size_t at) {
     return static_cast<std::uint16_t>((bytes[at] << 8) | bytes[at + 1]);
   };
-  BeaconInfo& info = out.emplace();
-  info.uuid = std::string(36, '-');  // sized at once: resizing an empty text costs more
-  Uuid::fromBytes(bytes + kUuidOffset).writeString(info.uuid.data());
-  info.major = Number::numberWithUnsignedShort(bigEndian(kMajorOffset));
-  info.minor = Number::numberWithUnsignedShort(bigEndian(kMinorOffset));
-  info.power = Number::numberWithChar(static_cast<std::int8_t>(bytes[kPowerOffset]));
+  out->uuid.assign(Uuid::fromBytes(bytes + kUuidOffset));
+  out->major = Number::numberWithUnsignedShort(bigEndian(kMajorOffset));
+  out->minor = Number::numberWithUnsignedShort(bigEndian(kMinorOffset));
+  out->power = Number::numberWithChar(static_cast<std::int8_t>(bytes[kPowerOffset]));
   return out;
 }
 

@@ -115,10 +115,10 @@ class TQBleFinder : public std::enable_shared_from_this<TQBleFinder>,
 
   /// The record getBeaconInfoFromData() decodes: "uuid", "major", "minor", "power".
   struct BeaconInfo {
-    std::string uuid;  // canonical upper-case 36-character text
-    Number major;      // unsigned 16-bit
-    Number minor;      // unsigned 16-bit
-    Number power;      // signed 8-bit, dBm at one metre
+    UuidText uuid;  // canonical upper-case 36-character text, held inline
+    Number major;   // unsigned 16-bit
+    Number minor;   // unsigned 16-bit
+    Number power;   // signed 8-bit, dBm at one metre
     /// The dictionary view: exactly the four keys above.
     Dictionary dictionary() const;
     friend bool operator==(const BeaconInfo&, const BeaconInfo&) = default;

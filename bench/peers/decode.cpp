@@ -38,7 +38,7 @@ std::optional<TQBleFinder::BeaconInfo> decode(const Data& data) {
 
 std::string describe(const std::optional<TQBleFinder::BeaconInfo>& info) {
   if (!info) return "not an iBeacon";
-  return info->uuid + " " + std::to_string(info->major.unsignedShortValue()) + " " +
+  return info->uuid.str() + " " + std::to_string(info->major.unsignedShortValue()) + " " +
          std::to_string(info->minor.unsignedShortValue()) + " " +
          std::to_string(info->power.intValue());
 }

@@ -1,6 +1,7 @@
 // Bytes text forms and UUIDs: the value types every layer passes around.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
 #include <unordered_set>
 
@@ -84,11 +85,19 @@ TEST(Uuid, KeepsBytesInTextOrderAndWritesExactly36Characters) {
 TEST(Uuid, RandomIsVersion4AndUniqueAndHashesApart) {
   std::set<Uuid> seen;
   std::unordered_set<std::size_t> hashes;
+  UuidText reused;
+  EXPECT_EQ(reused, Uuid().UUIDString());
   for (int i = 0; i < 1000; ++i) {
     const Uuid u = Uuid::random();
     EXPECT_EQ(u.bytes()[6] >> 4, 4);
     EXPECT_EQ(u.bytes()[8] & 0xC0, 0x80);
     EXPECT_EQ(Uuid::fromString(u.UUIDString()), u);
+    // The inline text and a reused one rewritten in place say the same.
+    UuidText text(u);
+    EXPECT_EQ(text, u.UUIDString());
+    reused.assign(u);
+    EXPECT_EQ(reused, text);
+    EXPECT_EQ(std::strlen(reused.c_str()), UuidText::size());
     seen.insert(u);
     hashes.insert(std::hash<Uuid>{}(Uuid::nameBased(Uuid(), std::to_string(i))));
   }

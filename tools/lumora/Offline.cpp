@@ -48,13 +48,13 @@ int runDecode(Output& out, const DecodeOptions& options) {
       continue;
     }
     record["complete"] = true;
-    record["uuid"] = info->uuid;
+    record["uuid"] = info->uuid.str();
     record["major"] = info->major.unsignedShortValue();
     record["minor"] = info->minor.unsignedShortValue();
     record["power"] = info->power.intValue();
-    out.emit(fmt::format("{}: iBeacon  uuid {}  major {}  minor {}  power {}", label, info->uuid,
-                         info->major.unsignedShortValue(), info->minor.unsignedShortValue(),
-                         info->power.intValue()),
+    out.emit(fmt::format("{}: iBeacon  uuid {}  major {}  minor {}  power {}", label,
+                         info->uuid.view(), info->major.unsignedShortValue(),
+                         info->minor.unsignedShortValue(), info->power.intValue()),
              record);
   }
   return 0;

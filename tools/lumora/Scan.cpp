@@ -51,10 +51,10 @@ class ScanPrinter : public CBCentralManagerDelegate {
     if (ad.isConnectable && *ad.isConnectable) text += "  connectable";
     if (TQBleFinder::advDataIsBeacon(ad.manufacturerData)) {
       if (auto info = TQBleFinder::getBeaconInfoFromData(ad.manufacturerData)) {
-        text += fmt::format("  iBeacon {} major {} minor {} power {}", info->uuid,
+        text += fmt::format("  iBeacon {} major {} minor {} power {}", info->uuid.view(),
                             info->major.unsignedShortValue(), info->minor.unsignedShortValue(),
                             info->power.intValue());
-        record["ibeacon"] = json{{"uuid", info->uuid},
+        record["ibeacon"] = json{{"uuid", info->uuid.str()},
                                  {"major", info->major.unsignedShortValue()},
                                  {"minor", info->minor.unsignedShortValue()},
                                  {"power", info->power.intValue()}};
