@@ -1,7 +1,10 @@
 #include "CoreBluetooth/CBCentralManager.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -12,34 +15,117 @@ namespace lumora {
 
 namespace {
 
-// A radio's id of a device, stored inside the table's node when short (a
-// MAC address text is 17 characters): a lookup among thousands of devices
-// then touches no separate heap block per key.
+// A radio's id of a device, kept inline when short (a MAC address text is 17
+// characters): comparing keys among thousands of devices then touches no
+// separate heap block per key.
 class DeviceKey {
  public:
-  explicit DeviceKey(std::string_view id) : size_(id.size()) {
-    if (size_ <= kInline) {
-      std::memcpy(inline_, id.data(), size_);
+  explicit DeviceKey(std::string_view id) {
+    if (id.size() <= kInline) {
+      size_ = static_cast<std::uint8_t>(id.size());
+      std::memcpy(inline_, id.data(), id.size());
     } else {
-      long_.assign(id);
+      long_ = std::make_unique<std::string>(id);
     }
   }
   std::string_view view() const {
-    return size_ <= kInline ? std::string_view(inline_, size_) : std::string_view(long_);
+    return long_ ? std::string_view(*long_) : std::string_view(inline_, size_);
   }
-  friend bool operator==(const DeviceKey& a, const DeviceKey& b) { return a.view() == b.view(); }
-
-  struct Hash {
-    std::size_t operator()(const DeviceKey& key) const {
-      return std::hash<std::string_view>{}(key.view());
-    }
-  };
 
  private:
   static constexpr std::size_t kInline = 23;
-  std::size_t size_;
+  std::uint8_t size_ = 0;
   char inline_[kInline];
-  std::string long_;
+  std::unique_ptr<std::string> long_;
+};
+
+// What the manager knows of a device: its one peripheral object.
+struct Known {
+  std::shared_ptr<CBPeripheral> peripheral;
+  bool pinned = false;  // connecting or connected: never pruned
+};
+
+// The device table, looked up for every advertisement heard: open
+// addressing over a compact slot array (a slot is a tag of the hash and an
+// index, eight to a cache line) in front of a dense array of entries (key and
+// value in one line). A hit costs about two cache lines where a node-based
+// map costs three or more. Entries are only ever removed all together, by
+// eraseIf(), which rebuilds the table.
+class DeviceTable {
+ public:
+  DeviceTable() { slots_.assign(kMinSlots, Slot{}); }
+
+  std::size_t size() const { return entries_.size(); }
+
+  Known* find(std::string_view id) {
+    const std::size_t hash = std::hash<std::string_view>{}(id);
+    const std::uint32_t tag = tagOf(hash);
+    for (std::size_t i = hash & mask();; i = (i + 1) & mask()) {
+      const Slot slot = slots_[i];
+      if (slot.index == kEmpty) return nullptr;
+      if (slot.tag == tag && entries_[slot.index].key.view() == id) {
+        return &entries_[slot.index].known;
+      }
+    }
+  }
+
+  /// Adds `id`, which must not be in the table. The reference lasts until
+  /// the next change of the table.
+  Known& insert(std::string_view id, Known known) {
+    if (2 * (entries_.size() + 1) > slots_.size()) rehash(2 * slots_.size());
+    const std::size_t hash = std::hash<std::string_view>{}(id);
+    entries_.push_back(Entry{DeviceKey(id), std::move(known), hash});
+    place(hash, static_cast<std::uint32_t>(entries_.size() - 1));
+    return entries_.back().known;
+  }
+
+  Known& findOrInsert(std::string_view id) {
+    if (Known* known = find(id)) return *known;
+    return insert(id, Known{});
+  }
+
+  template <class Pred>
+  void eraseIf(Pred pred) {
+    std::erase_if(entries_, [&](const Entry& entry) { return pred(entry.known); });
+    std::size_t capacity = kMinSlots;
+    while (capacity < 2 * entries_.size()) capacity *= 2;
+    rehash(capacity);
+  }
+
+ private:
+  static constexpr std::uint32_t kEmpty = ~std::uint32_t{0};
+  static constexpr std::size_t kMinSlots = 64;
+
+  struct Slot {
+    std::uint32_t tag = 0;
+    std::uint32_t index = kEmpty;
+  };
+  struct Entry {
+    DeviceKey key;
+    Known known;
+    std::size_t hash;  // kept so that growing needs no key read
+  };
+
+  static std::uint32_t tagOf(std::size_t hash) {
+    return static_cast<std::uint32_t>(static_cast<std::uint64_t>(hash) >> 32);
+  }
+  std::size_t mask() const { return slots_.size() - 1; }
+
+  void place(std::size_t hash, std::uint32_t index) {
+    std::size_t i = hash & mask();
+    while (slots_[i].index != kEmpty) i = (i + 1) & mask();
+    slots_[i] = Slot{tagOf(hash), index};
+  }
+
+  void rehash(std::size_t capacity) {
+    slots_.assign(capacity, Slot{});
+    for (std::size_t index = 0; index < entries_.size(); ++index) {
+      place(entries_[index].hash, static_cast<std::uint32_t>(index));
+    }
+  }
+
+  std::vector<Slot> slots_;  // a power of two, at most half full
+  std::vector<Entry> entries_;
 };
 
 }  // namespace
@@ -47,11 +133,6 @@ class DeviceKey {
 // Everything here is guarded by `mutex`, except `line` (set once, before the
 // manager is handed out, and thread-safe itself).
 struct CBCentralManager::Impl {
-  struct Known {
-    std::shared_ptr<CBPeripheral> peripheral;
-    bool pinned = false;  // connecting or connected: never pruned
-  };
-
   std::shared_ptr<detail::SerialDelivery> line;
 
   std::mutex mutex;
@@ -73,11 +154,11 @@ struct CBCentralManager::Impl {
   // not linked are dropped: a long scan among rotating addresses stays
   // bounded.
   static constexpr std::size_t kRemembered = 16384;
-  std::unordered_map<DeviceKey, Known, DeviceKey::Hash> peripherals;
+  DeviceTable peripherals;
   std::size_t pruneAt = kRemembered;
 
   void pinLocked(const std::shared_ptr<CBPeripheral>& peripheral, bool pin) {
-    auto& known = peripherals[DeviceKey(peripheral->address())];
+    Known& known = peripherals.findOrInsert(peripheral->address());
     known.peripheral = peripheral;
     known.pinned = pin;
   }
@@ -175,19 +256,17 @@ std::shared_ptr<CBPeripheral> CBCentralManager::peripheralForLocked(
     bool* made) {
   if (made) *made = false;
   auto& peripherals = impl_->peripherals;
-  const DeviceKey key(address);
-  if (auto it = peripherals.find(key); it != peripherals.end()) return it->second.peripheral;
+  if (Known* known = peripherals.find(address)) return known->peripheral;
   if (!create) return nullptr;
   if (peripherals.size() >= impl_->pruneAt) {
     // use_count() is exact here: new references are only taken from the
     // table under this lock, so an entry seen unshared stays unshared.
-    std::erase_if(peripherals, [](const auto& entry) {
-      return !entry.second.pinned && entry.second.peripheral.use_count() == 1;
-    });
+    peripherals.eraseIf(
+        [](const Known& known) { return !known.pinned && known.peripheral.use_count() == 1; });
     impl_->pruneAt = std::max(Impl::kRemembered, 2 * peripherals.size());
   }
   auto peripheral = std::make_shared<CBPeripheral>(weak_from_this(), address, name);
-  peripherals.emplace(key, Impl::Known{peripheral, false});
+  peripherals.insert(address, Known{peripheral, false});
   if (made) *made = true;
   return peripheral;
 }

@@ -34,14 +34,6 @@ struct InEvent {
 constexpr Nanos kMaxAdvDelay = std::chrono::milliseconds(10);
 constexpr Nanos kMinInterval = std::chrono::milliseconds(1);
 
-// Heap order: the earliest (time, seq) must come out first.
-struct Later {
-  bool operator()(const AirImpl::Due& a, const AirImpl::Due& b) const {
-    if (a.time != b.time) return a.time > b.time;
-    return a.seq > b.seq;
-  }
-};
-
 double distanceAt(const Advertiser& a, Nanos t) {
   if (a.path.empty()) return a.distance;
   Position p;
@@ -315,8 +307,7 @@ void AirImpl::pushLocked(Event event) {
     slots_[slot] = std::move(event);
   }
   const Event& queued = slots_[slot];
-  queue_.push_back(Due{queued.time, queued.seq, slot});
-  std::push_heap(queue_.begin(), queue_.end(), Later{});
+  queue_.push(DueQueue::Due{queued.time, queued.seq, slot});
   armLocked();
 }
 
@@ -346,7 +337,7 @@ void AirImpl::cancelScheduled(radio::TimerId id) {
 
 void AirImpl::armLocked() {
   if (clock_ != ClockMode::RealTime || queue_.empty()) return;
-  const Nanos first = queue_.front().time;
+  const Nanos first = queue_.top().time;
   if (armed_ && armedAt_ <= first) return;
   RunLoop& loop = RunLoop::main();
   if (armed_) loop.cancelTimer(armedTimer_);
@@ -381,10 +372,8 @@ AirImpl::Ran AirImpl::runOne(Nanos limit) {
   Audience audience;
   {
     std::lock_guard lock(mutex_);
-    if (queue_.empty() || queue_.front().time > limit) return Ran::Nothing;
-    std::pop_heap(queue_.begin(), queue_.end(), Later{});
-    const std::uint32_t slot = queue_.back().slot;
-    queue_.pop_back();
+    if (queue_.empty() || queue_.top().time > limit) return Ran::Nothing;
+    const std::uint32_t slot = queue_.pop().slot;
     event = std::move(slots_[slot]);
     slots_[slot].task = nullptr;  // no capture outlives its event in a free slot
     freeSlots_.push_back(slot);

@@ -27,6 +27,7 @@
 
 #include "Foundation/RunLoop.h"
 #include "backends/sim/Air.h"
+#include "backends/sim/DueQueue.h"
 
 namespace lumora::sim::detail {
 
@@ -37,29 +38,30 @@ using radio::PeripheralId;
 struct Advertiser {
   explicit Advertiser(std::string addr) : address(std::move(addr)) {}
 
-  const std::string address;
-
-  // Guarded by the air mutex.
-  CBAdvertisementData content;
-  std::uint64_t contentVersion = 1;
-  Nanos interval = std::chrono::milliseconds(100);
-  int txPowerAt1m = -59;
-  double pathLossExponent = 2.0;
-  double distance = 1.0;
-  std::vector<Waypoint> path;
-  double noiseSigma = 2.0;
-  double packetLoss = 0.0;
+  // Guarded by the air mutex. What every advertisement reads comes first, so
+  // that one costs few cache lines among thousands of advertisers.
   bool advertising = false;
   /// Bumped by every start and stop: queued advertisements of an older
   /// generation are stale and dropped when they come due.
   std::uint64_t generation = 0;
+  Nanos interval = std::chrono::milliseconds(100);
+  double packetLoss = 0.0;
+  std::uint64_t contentVersion = 1;
+  int txPowerAt1m = -59;
+  double pathLossExponent = 2.0;
+  double distance = 1.0;
+  double noiseSigma = 2.0;
+  std::vector<Waypoint> path;
 
   // Touched only by the running event (under the run mutex): the report
   // handed to receivers is refreshed only when the content changed, so an
   // advertisement costs no allocation.
+  std::uint64_t reportVersion = 0;
   radio::AdvertisingReport report;
   Bytes wire;  // the content as AD structures, for the trace
-  std::uint64_t reportVersion = 0;
+
+  const std::string address;
+  CBAdvertisementData content;  // guarded by the air mutex
 };
 
 /// A characteristic of a GATT database (a virtual device's or a local
@@ -354,15 +356,10 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
   std::mutex runMutex_;
 
   // Guarded by mutex_.
-  // The queue: a heap of small (time, seq, slot) entries, earliest on top,
-  // whose events wait in `slots_`; a heap of whole events would move far
-  // more bytes per advertisement.
-  struct Due {
-    Nanos time{0};
-    std::uint64_t seq = 0;
-    std::uint32_t slot = 0;
-  };
-  std::vector<Due> queue_;
+  // The queue: small (time, seq, slot) entries, earliest first, whose events
+  // wait in `slots_`; a heap of whole events would move far more bytes per
+  // advertisement.
+  DueQueue queue_;
   std::vector<Event> slots_;
   std::vector<std::uint32_t> freeSlots_;
   std::uint64_t nextSeq_ = 1;
