@@ -39,10 +39,14 @@ class DeviceKey {
   std::unique_ptr<std::string> long_;
 };
 
-// What the manager knows of a device: its one peripheral object.
+// What the manager knows of a device: its one peripheral object, and the
+// name this manager last gave that object, so that an advertisement that
+// repeats the name leaves the object (and its lock) untouched.
 struct Known {
   std::shared_ptr<CBPeripheral> peripheral;
-  bool pinned = false;  // connecting or connected: never pruned
+  bool pinned = false;     // connecting or connected: never pruned
+  bool nameKnown = false;  // `name` is what the object holds
+  std::optional<std::string> name;
 };
 
 // The device table, looked up for every advertisement heard: open
@@ -159,7 +163,10 @@ struct CBCentralManager::Impl {
 
   void pinLocked(const std::shared_ptr<CBPeripheral>& peripheral, bool pin) {
     Known& known = peripherals.findOrInsert(peripheral->address());
-    known.peripheral = peripheral;
+    if (known.peripheral != peripheral) {
+      known.peripheral = peripheral;
+      known.nameKnown = false;
+    }
     known.pinned = pin;
   }
 };
@@ -253,10 +260,17 @@ std::shared_ptr<CBPeripheral> CBCentralManager::peripheralFor(const radio::Perip
 
 std::shared_ptr<CBPeripheral> CBCentralManager::peripheralForLocked(
     const radio::PeripheralId& address, bool create, const std::optional<std::string>& name,
-    bool* made) {
-  if (made) *made = false;
+    bool* rename) {
+  if (rename) *rename = false;
   auto& peripherals = impl_->peripherals;
-  if (Known* known = peripherals.find(address)) return known->peripheral;
+  if (Known* known = peripherals.find(address)) {
+    if (rename && name && !(known->nameKnown && known->name == name)) {
+      known->name = name;
+      known->nameKnown = true;
+      *rename = true;
+    }
+    return known->peripheral;
+  }
   if (!create) return nullptr;
   if (peripherals.size() >= impl_->pruneAt) {
     // use_count() is exact here: new references are only taken from the
@@ -266,8 +280,7 @@ std::shared_ptr<CBPeripheral> CBCentralManager::peripheralForLocked(
     impl_->pruneAt = std::max(Impl::kRemembered, 2 * peripherals.size());
   }
   auto peripheral = std::make_shared<CBPeripheral>(weak_from_this(), address, name);
-  peripherals.insert(address, Known{peripheral, false});
-  if (made) *made = true;
+  peripherals.insert(address, Known{peripheral, false, true, name});
   return peripheral;
 }
 
@@ -337,7 +350,7 @@ void CBCentralManager::radioDiscovered(const radio::AdvertisingReport& report) {
     auto& impl = *self->impl_;
     std::shared_ptr<CBPeripheral> peripheral;
     std::shared_ptr<CBCentralManagerDelegate> delegate;
-    bool made = false;  // a new object already carries the advertised name
+    bool rename = false;  // the object is to take the advertised name
     {
       // One lock for the whole report: this runs for every advertisement
       // heard while scanning.
@@ -351,12 +364,10 @@ void CBCentralManager::radioDiscovered(const radio::AdvertisingReport& report) {
         }
       }
       const auto& name = report.advertisement.localName;
-      peripheral = self->peripheralForLocked(report.address, true, name, &made);
+      peripheral = self->peripheralForLocked(report.address, true, name, &rename);
       delegate = impl.delegate.lock();
     }
-    if (!made && report.advertisement.localName) {
-      peripheral->setName(report.advertisement.localName);
-    }
+    if (rename) peripheral->setName(report.advertisement.localName);
     if (delegate) {
       delegate->didDiscoverPeripheral(self, peripheral, report.advertisement, Number(report.rssi));
     }

@@ -144,11 +144,12 @@ class CBCentralManager : public std::enable_shared_from_this<CBCentralManager>,
   // The peripheral object of `address`: the known one, else (with `create`) a
   // new one. Null when unknown and not created.
   std::shared_ptr<CBPeripheral> peripheralFor(const radio::PeripheralId& address, bool create);
-  // The same with impl_->mutex held; a new object is made with `name`, and
-  // `made` (when given) tells whether it is new.
+  // The same with impl_->mutex held; a new object is made with `name`.
+  // `rename` (when given) tells whether a known object must still be given
+  // `name` (a null name never renames); the caller does so outside the lock.
   std::shared_ptr<CBPeripheral> peripheralForLocked(const radio::PeripheralId& address, bool create,
                                                     const std::optional<std::string>& name,
-                                                    bool* made = nullptr);
+                                                    bool* rename = nullptr);
 
   std::shared_ptr<Impl> impl_;
   DispatchQueuePtr queue_;

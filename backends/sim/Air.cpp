@@ -483,8 +483,10 @@ AirImpl::Audience AirImpl::advertiseLocked(Event& event) {
   if (!lost) {
     a.report.rssi = drawRssi(a, event.time, rng_, noise_);
     a.report.time = event.time;
-    audience.scanners = scanners_;
-    audience.sinks = sinks_;
+    if (runScanners_ != scanners_) audience.oldScanners = std::exchange(runScanners_, scanners_);
+    if (runSinks_ != sinks_) audience.oldSinks = std::exchange(runSinks_, sinks_);
+    audience.scanners = runScanners_.get();
+    audience.sinks = runSinks_.get();
     audience.heard = true;
   }
   return audience;
