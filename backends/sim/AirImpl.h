@@ -41,6 +41,10 @@ struct Advertiser {
   // Guarded by the air mutex. What every advertisement reads comes first, so
   // that one costs few cache lines among thousands of advertisers.
   bool advertising = false;
+  /// Advertisements of this advertiser in the air's queue. While there is
+  /// one, `pin` keeps the advertiser alive; the queue holds plain pointers.
+  std::uint32_t queued = 0;
+  std::shared_ptr<Advertiser> pin;
   /// Bumped by every start and stop: queued advertisements of an older
   /// generation are stale and dropped when they come due.
   std::uint64_t generation = 0;
@@ -289,12 +293,11 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
 
   // ---- Shared by the air's units. Functions named ...Locked need `mutex_`.
 
+  /// A step of the air waiting in the queue (advertisements wait in the
+  /// queue's entries themselves).
   struct Event {
     Nanos time{0};
-    std::uint64_t seq = 0;
-    std::shared_ptr<Advertiser> advertiser;  // an advertisement ...
-    std::uint64_t generation = 0;
-    radio::TimerId timer = 0;    // ... or a cancellable timer ...
+    radio::TimerId timer = 0;    // a cancellable timer ...
     std::function<void()> task;  // ... or a step of the air
   };
   struct LinkCheck {
@@ -304,6 +307,10 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
 
   Nanos nowLocked() const { return now(); }
   void pushLocked(Event event);
+  /// Queues an advertisement of `a` (which must be pinned by `owner` or by
+  /// an advertisement already queued).
+  void queueAdvertisementLocked(Advertiser& a, Nanos time,
+                                const std::shared_ptr<Advertiser>* owner = nullptr);
   /// Runs `task` (with no lock held) after `delay` of air time.
   void scheduleLocked(Nanos delay, std::function<void()> task);
   /// Raises an event on a central session after `delay`, provided the
@@ -423,9 +430,9 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
   // when they have been replaced, not once per advertisement.
   std::shared_ptr<const std::vector<Scanner>> runScanners_;
   std::shared_ptr<const std::vector<std::shared_ptr<Sink>>> runSinks_;
-  /// With mutex_ held: queues the advertiser's next advertisement (taking
-  /// its reference out of `event`) and draws this one's fate.
-  Audience advertiseLocked(Event& event);
+  /// With mutex_ held: queues the advertiser's next advertisement and draws
+  /// the fate of this one (due at `time`, of `generation`).
+  Audience advertiseLocked(Advertiser& a, Nanos time, std::uint64_t generation);
   /// Without locks: traces the advertisement and hands it to its audience.
   bool deliverAdvertisement(const Advertiser& advertiser, Nanos time, const Audience& audience);
   void armLocked();

@@ -1,5 +1,7 @@
-// The air's queue of what is due: (time, seq, slot) entries, earliest first,
-// ties broken by seq so that the order is total and runs repeat exactly.
+// The air's queue of what is due, earliest first, ties broken by seq so that
+// the order is total and runs repeat exactly. An entry is an advertisement
+// (the advertiser and its generation, in the entry itself: the next
+// advertiser can be fetched ahead) or a step waiting in the air's slots.
 //
 // A 4-ary heap rather than a binary one: with thousands of advertisers an
 // advertisement pops the top, and the sift-down of a binary heap visits one
@@ -16,12 +18,15 @@
 
 namespace lumora::sim::detail {
 
+struct Advertiser;
+
 class DueQueue {
  public:
   struct Due {
     std::chrono::nanoseconds time{0};
     std::uint64_t seq = 0;
-    std::uint32_t slot = 0;
+    Advertiser* advertiser = nullptr;  // an advertisement ...
+    std::uint64_t detail = 0;          // ... of this generation; else a slot
   };
 
   bool empty() const { return heap_.empty(); }

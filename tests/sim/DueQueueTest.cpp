@@ -26,21 +26,22 @@ TEST(DueQueue, PopsInTimeThenSeqOrderUnderInterleavedPushes) {
   std::uint64_t seq = 0;
   for (int step = 0; step < 20000; ++step) {
     if (reference.empty() || rng() % 3 != 0) {
-      const Due due{std::chrono::nanoseconds(time(rng)), ++seq, static_cast<std::uint32_t>(step)};
+      const Due due{std::chrono::nanoseconds(time(rng)), ++seq, nullptr,
+                    static_cast<std::uint64_t>(step)};
       queue.push(due);
       reference.insert(std::upper_bound(reference.begin(), reference.end(), due,
                                         [](const Due& a, const Due& b) { return earlier(b, a); }),
                        due);
     } else {
-      ASSERT_EQ(queue.top().slot, reference.back().slot) << "step " << step;
+      ASSERT_EQ(queue.top().detail, reference.back().detail) << "step " << step;
       const Due popped = queue.pop();
-      ASSERT_EQ(popped.slot, reference.back().slot) << "step " << step;
+      ASSERT_EQ(popped.detail, reference.back().detail) << "step " << step;
       reference.pop_back();
     }
     ASSERT_EQ(queue.size(), reference.size());
   }
   while (!reference.empty()) {
-    ASSERT_EQ(queue.pop().slot, reference.back().slot);
+    ASSERT_EQ(queue.pop().detail, reference.back().detail);
     reference.pop_back();
   }
   EXPECT_TRUE(queue.empty());
