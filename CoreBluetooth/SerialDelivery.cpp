@@ -16,22 +16,26 @@ SerialDelivery::SerialDelivery(DispatchQueuePtr queue)
 bool SerialDelivery::claimDrainLocked() {
   if (held_ || draining_ || pending_.empty()) return false;
   draining_ = true;
-  if (onMain_) keepAlive_ = shared_from_this();
   return true;
 }
 
 void SerialDelivery::queueDrain() {
-  if (onMain_) {
-    queue_->async([this] { drain(); });
-  } else {
-    queue_->async([self = shared_from_this()] { self->drain(); });
-  }
+  queue_->async([self = shared_from_this()] { self->drain(); });
 }
 
 void SerialDelivery::post(std::function<void()> work) {
+  if (direct_.load(std::memory_order_acquire)) {
+    queue_->async(std::move(work));
+    return;
+  }
   bool start = false;
   {
     std::lock_guard lock(mutex_);
+    if (direct_.load(std::memory_order_relaxed)) {
+      // Released meanwhile: everything held has gone to the queue already.
+      queue_->async(std::move(work));
+      return;
+    }
     pending_.push_back(std::move(work));
     start = claimDrainLocked();
   }
@@ -43,6 +47,14 @@ void SerialDelivery::release() {
   {
     std::lock_guard lock(mutex_);
     held_ = false;
+    if (onMain_) {
+      // Held items go first, in order, under the lock that later posts
+      // check before they go straight to the queue.
+      for (auto& work : pending_) queue_->async(std::move(work));
+      pending_.clear();
+      direct_.store(true, std::memory_order_release);
+      return;
+    }
     start = claimDrainLocked();
   }
   if (start) queueDrain();
@@ -76,7 +88,6 @@ void SerialDelivery::drain() {
 
 void SerialDelivery::finishDrain(Batch batch, std::size_t next) {
   bool again = false;
-  std::shared_ptr<SerialDelivery> self;  // may be the last reference: dropped last
   {
     std::lock_guard lock(mutex_);
     pending_.insert(pending_.begin(), std::make_move_iterator(batch.begin() + next),
@@ -84,7 +95,6 @@ void SerialDelivery::finishDrain(Batch batch, std::size_t next) {
     batch.clear();
     if (batch.capacity() > spare_.capacity()) spare_.swap(batch);
     draining_ = false;
-    self = std::move(keepAlive_);
     again = claimDrainLocked();
   }
   if (again) queueDrain();

@@ -4,13 +4,18 @@
 // SerialDelivery on the manager's queue. Work runs one item at a time in the
 // order it was posted, even on the global concurrent queue: at most one drain
 // task of a line is queued or running at any moment, and it runs the items
-// that were waiting when it started before handing over to a fresh task, so a
-// busy line never keeps a serial queue (the main queue) to itself.
+// that were waiting when it started before handing over to a fresh task.
+//
+// On the main queue, which is a serial first-in first-out queue itself, a
+// released line hands every item straight to the queue: the order is the
+// same, and an item costs no lock and no drain task of the line's own (one
+// item per advertisement heard while scanning).
 //
 // A line starts held: items posted while the manager is still being wired
 // (its radio session may raise events at once) wait until release().
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -38,11 +43,8 @@ class SerialDelivery : public std::enable_shared_from_this<SerialDelivery> {
  private:
   // Called with mutex_ held; true when a drain task must be queued.
   bool claimDrainLocked();
-  // A drain task on the main queue holds the line through keepAlive_, so its
-  // closure is a plain pointer that std::function stores without allocating
-  // (one task per advertisement heard while scanning). The main loop never
-  // drops a task; the pool drops queued work at exit, so its tasks own a
-  // reference themselves.
+  // The drain task owns a reference to the line: the pool drops queued work
+  // at exit.
   void queueDrain();
   void drain();
   using Batch = std::vector<std::function<void()>>;
@@ -59,7 +61,9 @@ class SerialDelivery : public std::enable_shared_from_this<SerialDelivery> {
   bool held_ = true;
   bool draining_ = false;
   const bool onMain_;
-  std::shared_ptr<SerialDelivery> keepAlive_;  // main queue only, while draining_
+  // Main queue only: set once by release(), after the held items went to
+  // the queue; from then on post() bypasses the lock.
+  std::atomic<bool> direct_{false};
 };
 
 }  // namespace lumora::detail
