@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <optional>
@@ -28,7 +29,11 @@ class Uuid {
   /// case with hyphens. Anything else gives an empty optional.
   static std::optional<Uuid> fromString(std::string_view text);
   /// Sixteen bytes starting at `bytes` (caller guarantees they exist).
-  static Uuid fromBytes(const std::uint8_t* bytes);
+  static Uuid fromBytes(const std::uint8_t* bytes) {
+    Uuid uuid;
+    std::memcpy(uuid.bytes_.data(), bytes, uuid.bytes_.size());
+    return uuid;
+  }
   /// A fresh random (version 4) UUID.
   static Uuid random();
   /// A stable name-based (version 5 style, SHA-1) UUID of `name` in `ns`; used
