@@ -34,14 +34,24 @@ struct InEvent {
 constexpr Nanos kMaxAdvDelay = std::chrono::milliseconds(10);
 constexpr Nanos kMinInterval = std::chrono::milliseconds(1);
 
-// Starts fetching what the next advertisement will read (its advertiser up to
-// the end of its report) while this one is delivered: among thousands of
-// advertisers those lines are rarely still in cache.
-void prefetch(const DueQueue::Due& due) {
+// Among thousands of advertisers, what an advertisement reads is rarely still
+// in cache, so it is fetched while earlier ones are delivered: the
+// advertiser itself (up to the end of its report) two advertisements ahead,
+// and one ahead, once the advertiser is in, the report's address text it
+// points to.
+void prefetchAdvertiser(const DueQueue::Due& due) {
   if (!due.advertiser) return;
   const char* first = reinterpret_cast<const char*>(due.advertiser);
   const char* end = reinterpret_cast<const char*>(&due.advertiser->wire);
   for (const char* line = first; line < end; line += 64) __builtin_prefetch(line);
+}
+
+void prefetchAhead(const DueQueue& queue) {
+  if (queue.empty()) return;
+  const DueQueue::Due& next = queue.top();
+  prefetchAdvertiser(next);  // usually in already, from the round before
+  if (next.advertiser) __builtin_prefetch(next.advertiser->report.address.data());
+  if (const DueQueue::Due* after = queue.second()) prefetchAdvertiser(*after);
 }
 
 double distanceAt(const Advertiser& a, Nanos t) {
@@ -400,7 +410,7 @@ AirImpl::Ran AirImpl::runOne(Nanos limit) {
     if (queue_.empty() || queue_.top().time > limit) return Ran::Nothing;
     const DueQueue::Due due = queue_.pop();
     time = due.time;
-    if (!queue_.empty()) prefetch(queue_.top());
+    prefetchAhead(queue_);
     if (clock_ == ClockMode::Virtual && time.count() > virtualNow_.load()) {
       virtualNow_.store(time.count(), std::memory_order_release);
     }

@@ -46,6 +46,17 @@ class DueQueue {
     heap_[hole] = due;
   }
 
+  /// The entry that comes after the top (if nothing is pushed meanwhile);
+  /// null when there is none.
+  const Due* second() const {
+    const std::size_t end = heap_.size() < kArity + 1 ? heap_.size() : kArity + 1;
+    const Due* least = nullptr;
+    for (std::size_t c = 1; c < end; ++c) {
+      if (!least || before(heap_[c], *least)) least = &heap_[c];
+    }
+    return least;
+  }
+
   /// Removes and returns the earliest entry; the queue must not be empty.
   Due pop() {
     const Due first = heap_.front();

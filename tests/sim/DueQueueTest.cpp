@@ -39,6 +39,10 @@ TEST(DueQueue, PopsInTimeThenSeqOrderUnderInterleavedPushes) {
       reference.pop_back();
     }
     ASSERT_EQ(queue.size(), reference.size());
+    // What comes after the top, which the air fetches ahead.
+    const Due* second = queue.second();
+    ASSERT_EQ(second != nullptr, reference.size() >= 2);
+    if (second) ASSERT_EQ(second->detail, reference[reference.size() - 2].detail);
   }
   while (!reference.empty()) {
     ASSERT_EQ(queue.pop().detail, reference.back().detail);
