@@ -42,7 +42,9 @@ TEST(DueQueue, PopsInTimeThenSeqOrderUnderInterleavedPushes) {
     // What comes after the top, which the air fetches ahead.
     const Due* second = queue.second();
     ASSERT_EQ(second != nullptr, reference.size() >= 2);
-    if (second) ASSERT_EQ(second->detail, reference[reference.size() - 2].detail);
+    if (second) {
+      ASSERT_EQ(second->detail, reference[reference.size() - 2].detail);
+    }
   }
   while (!reference.empty()) {
     ASSERT_EQ(queue.pop().detail, reference.back().detail);
