@@ -15,45 +15,66 @@ namespace lumora {
 
 namespace {
 
-// A radio's id of a device, kept inline when short (a MAC address text is 17
-// characters): comparing keys among thousands of devices then touches no
-// separate heap block per key.
-class DeviceKey {
+// The name a manager last gave a peripheral object, kept beside it in the
+// table so that an advertisement repeating the name leaves the object (and
+// its lock) untouched. Only short names are kept (most devices' local names);
+// a longer or unknown one never matches, and the object is given it again.
+class NameMirror {
  public:
-  explicit DeviceKey(std::string_view id) {
-    if (id.size() <= kInline) {
-      size_ = static_cast<std::uint8_t>(id.size());
-      std::memcpy(inline_, id.data(), id.size());
+  bool matches(const std::optional<std::string>& name) const {
+    if (!name) return state_ == kNone;
+    return state_ == kText && size_ == name->size() && std::memcmp(text_, name->data(), size_) == 0;
+  }
+  void set(const std::optional<std::string>& name) {
+    if (!name) {
+      state_ = kNone;
+    } else if (name->size() > sizeof text_) {
+      state_ = kUnknown;
     } else {
-      long_ = std::make_unique<std::string>(id);
+      state_ = kText;
+      size_ = static_cast<std::uint8_t>(name->size());
+      std::memcpy(text_, name->data(), size_);
     }
   }
-  std::string_view view() const {
-    return long_ ? std::string_view(*long_) : std::string_view(inline_, size_);
-  }
+  void forget() { state_ = kUnknown; }
 
  private:
-  static constexpr std::size_t kInline = 23;
+  enum : std::uint8_t { kUnknown, kNone, kText };
+  std::uint8_t state_ = kUnknown;
   std::uint8_t size_ = 0;
-  char inline_[kInline];
-  std::unique_ptr<std::string> long_;
+  char text_[14];
 };
 
-// What the manager knows of a device: its one peripheral object, and the
-// name this manager last gave that object, so that an advertisement that
-// repeats the name leaves the object (and its lock) untouched.
-struct Known {
+// What the manager knows of a device, in one cache line: the radio's id of
+// it (inline when short: a MAC address text is 17 characters), its one
+// peripheral object and the name mirror.
+struct alignas(64) Known {
+  explicit Known(std::string_view id) {
+    if (id.size() <= sizeof key) {
+      keySize = static_cast<std::uint8_t>(id.size());
+      std::memcpy(key, id.data(), id.size());
+    } else {
+      longKey = std::make_unique<std::string>(id);
+    }
+  }
+  std::string_view id() const {
+    return longKey ? std::string_view(*longKey) : std::string_view(key, keySize);
+  }
+
   std::shared_ptr<CBPeripheral> peripheral;
-  bool pinned = false;     // connecting or connected: never pruned
-  bool nameKnown = false;  // `name` is what the object holds
-  std::optional<std::string> name;
+  std::unique_ptr<std::string> longKey;  // ids too long for `key`
+  std::uint8_t keySize = 0;
+  bool pinned = false;  // connecting or connected: never pruned
+  NameMirror name;
+  char key[22];
 };
+static_assert(sizeof(Known) == 64, "one cache line per device");
 
 // The device table, looked up for every advertisement heard: open
 // addressing over a compact slot array (a slot is a tag of the hash and an
-// index, eight to a cache line) in front of a dense array of entries (key and
-// value in one line). A hit costs about two cache lines where a node-based
-// map costs three or more. Entries are only ever removed all together, by
+// index, eight to a cache line) in front of a dense array of entries of one
+// cache line each. A hit costs about two cache lines where a node-based map
+// costs three or more. Entries are only ever removed all together, by
 // eraseIf(), which rebuilds the table.
 class DeviceTable {
  public:
@@ -67,30 +88,27 @@ class DeviceTable {
     for (std::size_t i = hash & mask();; i = (i + 1) & mask()) {
       const Slot slot = slots_[i];
       if (slot.index == kEmpty) return nullptr;
-      if (slot.tag == tag && entries_[slot.index].key.view() == id) {
-        return &entries_[slot.index].known;
-      }
+      if (slot.tag == tag && entries_[slot.index].id() == id) return &entries_[slot.index];
     }
   }
 
   /// Adds `id`, which must not be in the table. The reference lasts until
   /// the next change of the table.
-  Known& insert(std::string_view id, Known known) {
+  Known& insert(std::string_view id) {
     if (2 * (entries_.size() + 1) > slots_.size()) rehash(2 * slots_.size());
-    const std::size_t hash = std::hash<std::string_view>{}(id);
-    entries_.push_back(Entry{DeviceKey(id), std::move(known), hash});
-    place(hash, static_cast<std::uint32_t>(entries_.size() - 1));
-    return entries_.back().known;
+    entries_.emplace_back(id);
+    place(std::hash<std::string_view>{}(id), static_cast<std::uint32_t>(entries_.size() - 1));
+    return entries_.back();
   }
 
   Known& findOrInsert(std::string_view id) {
     if (Known* known = find(id)) return *known;
-    return insert(id, Known{});
+    return insert(id);
   }
 
   template <class Pred>
   void eraseIf(Pred pred) {
-    std::erase_if(entries_, [&](const Entry& entry) { return pred(entry.known); });
+    std::erase_if(entries_, pred);
     std::size_t capacity = kMinSlots;
     while (capacity < 2 * entries_.size()) capacity *= 2;
     rehash(capacity);
@@ -103,11 +121,6 @@ class DeviceTable {
   struct Slot {
     std::uint32_t tag = 0;
     std::uint32_t index = kEmpty;
-  };
-  struct Entry {
-    DeviceKey key;
-    Known known;
-    std::size_t hash;  // kept so that growing needs no key read
   };
 
   static std::uint32_t tagOf(std::size_t hash) {
@@ -124,12 +137,12 @@ class DeviceTable {
   void rehash(std::size_t capacity) {
     slots_.assign(capacity, Slot{});
     for (std::size_t index = 0; index < entries_.size(); ++index) {
-      place(entries_[index].hash, static_cast<std::uint32_t>(index));
+      place(std::hash<std::string_view>{}(entries_[index].id()), static_cast<std::uint32_t>(index));
     }
   }
 
   std::vector<Slot> slots_;  // a power of two, at most half full
-  std::vector<Entry> entries_;
+  std::vector<Known> entries_;
 };
 
 }  // namespace
@@ -165,7 +178,7 @@ struct CBCentralManager::Impl {
     Known& known = peripherals.findOrInsert(peripheral->address());
     if (known.peripheral != peripheral) {
       known.peripheral = peripheral;
-      known.nameKnown = false;
+      known.name.forget();
     }
     known.pinned = pin;
   }
@@ -264,9 +277,8 @@ std::shared_ptr<CBPeripheral> CBCentralManager::peripheralForLocked(
   if (rename) *rename = false;
   auto& peripherals = impl_->peripherals;
   if (Known* known = peripherals.find(address)) {
-    if (rename && name && !(known->nameKnown && known->name == name)) {
-      known->name = name;
-      known->nameKnown = true;
+    if (rename && name && !known->name.matches(name)) {
+      known->name.set(name);
       *rename = true;
     }
     return known->peripheral;
@@ -280,7 +292,9 @@ std::shared_ptr<CBPeripheral> CBCentralManager::peripheralForLocked(
     impl_->pruneAt = std::max(Impl::kRemembered, 2 * peripherals.size());
   }
   auto peripheral = std::make_shared<CBPeripheral>(weak_from_this(), address, name);
-  peripherals.insert(address, Known{peripheral, false, true, name});
+  Known& known = peripherals.insert(address);
+  known.peripheral = peripheral;
+  known.name.set(name);
   return peripheral;
 }
 
