@@ -54,6 +54,7 @@ fi
 
 results=$(mktemp)
 trap 'rm -f "$results"' EXIT
-"$build/bench/bench_peers" --payloads="$here/payloads.json" --benchmark_repetitions=5 \
+"$build/bench/bench_peers" --payloads="$here/payloads.json" --benchmark_min_warmup_time=0.2 \
+  --benchmark_repetitions=5 \
   --benchmark_report_aggregates_only=true --benchmark_format=json >"$results"
 node --single-threaded "$here/compare.js" "$here/payloads.json" "$cache/node_modules" "$results"
