@@ -13,6 +13,8 @@ namespace lumora {
 
 namespace {
 
+#if !defined(__SSE2__)
+
 // The eight upper-case hex digits of four bytes at once, the first digit in
 // the lowest byte: each nibble is spread to a byte of its own and lifted to
 // '0'..'9' or 'A'..'F' with a carry that marks the nibbles of ten and above.
@@ -35,6 +37,8 @@ void putDigits(char* out, std::uint64_t digits) {
     for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>(digits >> (8 * i));
   }
 }
+
+#endif
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
