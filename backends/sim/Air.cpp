@@ -517,10 +517,8 @@ AirImpl::Audience AirImpl::advertiseLocked(Advertiser& a, Nanos time, std::uint6
   if (!lost) {
     a.report.rssi = drawRssi(a, time, rng_, noise_);
     a.report.time = time;
-    if (runScanners_ != scanners_) audience.oldScanners = std::exchange(runScanners_, scanners_);
-    if (runSinks_ != sinks_) audience.oldSinks = std::exchange(runSinks_, sinks_);
-    audience.scanners = runScanners_.get();
-    audience.sinks = runSinks_.get();
+    audience.scanners = scanners_;
+    audience.sinks = sinks_;
     audience.heard = true;
   }
   return audience;

@@ -413,23 +413,15 @@ class AirImpl final : public Air, public std::enable_shared_from_this<AirImpl> {
  private:
   enum class Ran { Nothing, Quiet, Delivered };
   Ran runOne(Nanos limit);
-  /// Who hears one advertisement, taken under the lock. The lists are the
-  /// run thread's copies below, alive for as long as runMutex_ is held.
+  /// Who hears one advertisement, taken under the lock. The lists are held
+  /// only for the advertisement: a list kept longer would keep ended
+  /// observations' sinks, and whatever they hold, alive.
   struct Audience {
     bool traced = false;  // something to trace: heard or lost
     bool heard = false;
-    const std::vector<Scanner>* scanners = nullptr;
-    const std::vector<std::shared_ptr<Sink>>* sinks = nullptr;
-    // Lists replaced since the last advertisement: let go once no lock is
-    // held, since a sink's end may reach back into the air.
-    std::shared_ptr<const std::vector<Scanner>> oldScanners;
-    std::shared_ptr<const std::vector<std::shared_ptr<Sink>>> oldSinks;
+    std::shared_ptr<const std::vector<Scanner>> scanners;
+    std::shared_ptr<const std::vector<std::shared_ptr<Sink>>> sinks;
   };
-  // The receivers' lists as the running event last took them (guarded by
-  // runMutex_): an advertisement takes a reference to the shared lists only
-  // when they have been replaced, not once per advertisement.
-  std::shared_ptr<const std::vector<Scanner>> runScanners_;
-  std::shared_ptr<const std::vector<std::shared_ptr<Sink>>> runSinks_;
   /// With mutex_ held: queues the advertiser's next advertisement and draws
   /// the fate of this one (due at `time`, of `generation`).
   Audience advertiseLocked(Advertiser& a, Nanos time, std::uint64_t generation);
