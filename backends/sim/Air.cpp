@@ -517,8 +517,10 @@ AirImpl::Audience AirImpl::advertiseLocked(Advertiser& a, Nanos time, std::uint6
   if (!lost) {
     a.report.rssi = drawRssi(a, time, rng_, noise_);
     a.report.time = time;
-    audience.scanners = scanners_;
-    audience.sinks = sinks_;
+    // An empty list is not taken: a reference count is an atomic step, and
+    // most airs have either scanners or sinks, not both.
+    if (!scanners_->empty()) audience.scanners = scanners_;
+    if (!sinks_->empty()) audience.sinks = sinks_;
     audience.heard = true;
   }
   return audience;
@@ -534,17 +536,21 @@ bool AirImpl::deliverAdvertisement(const Advertiser& a, Nanos time, const Audien
   if (!audience.heard) return false;
 
   bool delivered = false;
-  for (const Scanner& scanner : *audience.scanners) {
-    if (!wanted(scanner.services, a.report.advertisement.serviceUUIDs)) continue;
-    if (auto receiver = scanner.events.lock()) {
-      receiver->radioDiscovered(a.report);
-      delivered = true;
+  if (audience.scanners) {
+    for (const Scanner& scanner : *audience.scanners) {
+      if (!wanted(scanner.services, a.report.advertisement.serviceUUIDs)) continue;
+      if (auto receiver = scanner.events.lock()) {
+        receiver->radioDiscovered(a.report);
+        delivered = true;
+      }
     }
   }
   // Sinks only record (ranging tables): they set nothing going that the
   // queues would have to settle.
-  for (const auto& sink : *audience.sinks) {
-    if (sink->active.load(std::memory_order_acquire)) sink->fn(a.report);
+  if (audience.sinks) {
+    for (const auto& sink : *audience.sinks) {
+      if (sink->active.load(std::memory_order_acquire)) sink->fn(a.report);
+    }
   }
   return delivered;
 }
