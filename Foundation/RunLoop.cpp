@@ -59,7 +59,9 @@ struct RunLoop::Impl {
   // eventfd is (or is about to be) readable, so the loop will wake anyway and
   // then see every task pushed before the flag was found set.
   void wake() const {
-    if (wakePending.exchange(true)) return;
+    // A plain load first: a loop that has not slept since the last wake-up
+    // costs a post no atomic exchange.
+    if (wakePending.load(std::memory_order_relaxed) || wakePending.exchange(true)) return;
     const std::uint64_t one = 1;
     // EAGAIN means the counter is already non-zero: the loop is awake anyway.
     [[maybe_unused]] const ssize_t ignored = ::write(wakeFd, &one, sizeof one);
@@ -76,7 +78,10 @@ struct RunLoop::Impl {
   // Tasks are stamped only to order them against timers; with no timer
   // pending, a task is ready before any timer added later, and the clock
   // need not be read at all.
-  void recountLocked() { queued.store(tasks.size() + timers.size()); }
+  // Written under the lock, read without it only as a hint (runOne's fast
+  // path): a release store is enough, and on x86 it is a plain move where a
+  // sequentially consistent one is an exchange.
+  void recountLocked() { queued.store(tasks.size() + timers.size(), std::memory_order_release); }
 
   Clock::time_point stampLocked() const {
     return timers.empty() ? Clock::time_point::min() : Clock::now();
@@ -87,7 +92,7 @@ struct RunLoop::Impl {
   // the work runs.
   bool runOne() {
     // A settle that finds the loop empty does not take the lock.
-    if (queued.load() == 0) return false;
+    if (queued.load(std::memory_order_acquire) == 0) return false;
     Task work;
     {
       std::lock_guard lock(mutex);

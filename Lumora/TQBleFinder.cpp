@@ -292,8 +292,10 @@ void TQBleFinder::didDiscoverPeripheral(const std::shared_ptr<CBCentralManager>&
   // the field's name), compared exactly; nothing else of the report is read.
   const auto& advertisedName = advertisementData.localName;
   if (!advertisedName) return;
-  const auto wanted = peripheral_uuid();
-  if (wanted && *wanted == *advertisedName) TQ_BLE_Connect(peripheral);
+  // Compared in place: this runs for every advertisement heard.
+  const bool wanted = peripheral_uuid_.read(
+      [&](const std::optional<std::string>& name) { return name && *name == *advertisedName; });
+  if (wanted) TQ_BLE_Connect(peripheral);
 }
 
 // --- Connection ------------------------------------------------------------------
