@@ -32,6 +32,17 @@ Located findByHandle(std::vector<GattService>& services, AttHandle handle) {
   return {};
 }
 
+// Why a scripted device refuses an access to `at`, if it does: no such
+// handle, a property the access needs is missing, or the failure the
+// scenario set for every such access.
+std::optional<CBATTError> accessFailure(const Located& at, std::uint8_t needed,
+                                        CBATTError notPermitted,
+                                        const std::optional<CBATTError>& scripted) {
+  if (!at.characteristic) return CBATTError::InvalidHandle;
+  if (!(at.characteristic->properties & needed)) return notPermitted;
+  return scripted;
+}
+
 std::vector<radio::RemoteService> listServices(const std::vector<GattService>& services,
                                                const std::optional<std::vector<CBUUID>>& filter) {
   std::vector<radio::RemoteService> out;
@@ -188,14 +199,8 @@ void serveRead(AirImpl& air, std::uint64_t id, const PeripheralId& peer, std::ui
   if (!device) return;
   if (device->dropOn.erase("read")) return air.dropCentralLinkLocked(*c, peer, droppedError());
   Located at = findByHandle(device->services, handle);
-  std::optional<CBATTError> failure;
-  if (!at.characteristic) {
-    failure = CBATTError::InvalidHandle;
-  } else if (!(at.characteristic->properties & CBCharacteristicPropertyRead)) {
-    failure = CBATTError::ReadNotPermitted;
-  } else {
-    failure = device->readFailure;
-  }
+  const std::optional<CBATTError> failure = accessFailure(
+      at, CBCharacteristicPropertyRead, CBATTError::ReadNotPermitted, device->readFailure);
   if (failure)
     return postValue(air, *c, peer, generation, handle, std::nullopt, attError(*failure));
   if (!at.characteristic->onRead) {
@@ -264,14 +269,8 @@ void serveWrite(AirImpl& air, std::uint64_t id, const PeripheralId& peer, std::u
   if (!device) return;
   if (device->dropOn.erase("write")) return air.dropCentralLinkLocked(*c, peer, droppedError());
   Located at = findByHandle(device->services, handle);
-  std::optional<CBATTError> failure;
-  if (!at.characteristic) {
-    failure = CBATTError::InvalidHandle;
-  } else if (!(at.characteristic->properties & needed)) {
-    failure = CBATTError::WriteNotPermitted;
-  } else {
-    failure = device->writeFailure;
-  }
+  const std::optional<CBATTError> failure =
+      accessFailure(at, needed, CBATTError::WriteNotPermitted, device->writeFailure);
   if (failure) {
     if (withResponse) postWritten(air, *c, peer, generation, handle, attError(*failure));
     return;
