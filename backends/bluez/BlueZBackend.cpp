@@ -10,109 +10,113 @@ namespace lumora::bluez {
 
 namespace {
 
-// Sessions only post: the work runs on the loop thread, never inside the call.
-class Central final : public radio::CentralRadio {
+// What a session holds of the engine: its id there, and whether it is
+// closed, after which its calls are dropped. Sessions only post: the work
+// runs on the loop thread, never inside the call.
+class EngineLink {
  public:
-  Central(std::shared_ptr<Engine> engine, std::uint64_t id) : engine_(std::move(engine)), id_(id) {}
-  ~Central() override { close(); }
+  EngineLink(std::shared_ptr<Engine> engine, std::uint64_t id)
+      : engine_(std::move(engine)), id_(id) {}
 
-  CBManagerState state() const override { return engine_->centralState(); }
+  Engine& engine() const { return *engine_; }
 
-  void startScan(const radio::ScanParameters& parameters) override {
-    run([parameters](Engine& e, std::uint64_t id) { e.startScan(id, parameters); });
-  }
-  void stopScan() override {
-    run([](Engine& e, std::uint64_t id) { e.stopScan(id); });
-  }
-  void connect(const radio::PeripheralId& peripheral) override {
-    run([peripheral](Engine& e, std::uint64_t id) { e.connect(id, peripheral); });
-  }
-  void cancelConnection(const radio::PeripheralId& peripheral) override {
-    run([peripheral](Engine& e, std::uint64_t id) { e.cancelConnection(id, peripheral); });
-  }
-  void discoverServices(const radio::PeripheralId& peripheral,
-                        const std::optional<std::vector<CBUUID>>& filter) override {
-    run([peripheral, filter](Engine& e, std::uint64_t id) {
-      e.discoverServices(id, peripheral, filter);
-    });
-  }
-  void discoverCharacteristics(const radio::PeripheralId& peripheral, radio::AttHandle service,
-                               const std::optional<std::vector<CBUUID>>& filter) override {
-    run([peripheral, service, filter](Engine& e, std::uint64_t id) {
-      e.discoverCharacteristics(id, peripheral, service, filter);
-    });
-  }
-  void read(const radio::PeripheralId& peripheral, radio::AttHandle characteristic) override {
-    run([peripheral, characteristic](Engine& e, std::uint64_t id) {
-      e.read(id, peripheral, characteristic);
-    });
-  }
-  void write(const radio::PeripheralId& peripheral, radio::AttHandle characteristic,
-             const Bytes& value, bool withResponse) override {
-    run([peripheral, characteristic, value, withResponse](Engine& e, std::uint64_t id) {
-      e.write(id, peripheral, characteristic, value, withResponse);
-    });
-  }
-  void close() override {
-    if (closed_.exchange(true)) return;
-    engine_->post([id = id_](Engine& e) { e.closeCentral(id); });
-  }
-
- private:
   template <class F>
   void run(F fn) {
     if (closed_.load()) return;
     engine_->post([id = id_, fn = std::move(fn)](Engine& e) { fn(e, id); });
   }
 
+  /// The first call posts `closer` for the session; later ones do nothing.
+  void close(void (Engine::*closer)(std::uint64_t)) {
+    if (closed_.exchange(true)) return;
+    engine_->post([id = id_, closer](Engine& e) { (e.*closer)(id); });
+  }
+
+ private:
   std::shared_ptr<Engine> engine_;
   const std::uint64_t id_;
   std::atomic<bool> closed_{false};
 };
 
+class Central final : public radio::CentralRadio {
+ public:
+  Central(std::shared_ptr<Engine> engine, std::uint64_t id) : link_(std::move(engine), id) {}
+  ~Central() override { close(); }
+
+  CBManagerState state() const override { return link_.engine().centralState(); }
+
+  void startScan(const radio::ScanParameters& parameters) override {
+    link_.run([parameters](Engine& e, std::uint64_t id) { e.startScan(id, parameters); });
+  }
+  void stopScan() override {
+    link_.run([](Engine& e, std::uint64_t id) { e.stopScan(id); });
+  }
+  void connect(const radio::PeripheralId& peripheral) override {
+    link_.run([peripheral](Engine& e, std::uint64_t id) { e.connect(id, peripheral); });
+  }
+  void cancelConnection(const radio::PeripheralId& peripheral) override {
+    link_.run([peripheral](Engine& e, std::uint64_t id) { e.cancelConnection(id, peripheral); });
+  }
+  void discoverServices(const radio::PeripheralId& peripheral,
+                        const std::optional<std::vector<CBUUID>>& filter) override {
+    link_.run([peripheral, filter](Engine& e, std::uint64_t id) {
+      e.discoverServices(id, peripheral, filter);
+    });
+  }
+  void discoverCharacteristics(const radio::PeripheralId& peripheral, radio::AttHandle service,
+                               const std::optional<std::vector<CBUUID>>& filter) override {
+    link_.run([peripheral, service, filter](Engine& e, std::uint64_t id) {
+      e.discoverCharacteristics(id, peripheral, service, filter);
+    });
+  }
+  void read(const radio::PeripheralId& peripheral, radio::AttHandle characteristic) override {
+    link_.run([peripheral, characteristic](Engine& e, std::uint64_t id) {
+      e.read(id, peripheral, characteristic);
+    });
+  }
+  void write(const radio::PeripheralId& peripheral, radio::AttHandle characteristic,
+             const Bytes& value, bool withResponse) override {
+    link_.run([peripheral, characteristic, value, withResponse](Engine& e, std::uint64_t id) {
+      e.write(id, peripheral, characteristic, value, withResponse);
+    });
+  }
+  void close() override { link_.close(&Engine::closeCentral); }
+
+ private:
+  EngineLink link_;
+};
+
 class Peripheral final : public radio::PeripheralRadio {
  public:
-  Peripheral(std::shared_ptr<Engine> engine, std::uint64_t id)
-      : engine_(std::move(engine)), id_(id) {}
+  Peripheral(std::shared_ptr<Engine> engine, std::uint64_t id) : link_(std::move(engine), id) {}
   ~Peripheral() override { close(); }
 
-  CBManagerState state() const override { return engine_->peripheralState(); }
+  CBManagerState state() const override { return link_.engine().peripheralState(); }
 
   void addService(radio::ServiceToken token, const radio::LocalService& service) override {
-    run([token, service](Engine& e, std::uint64_t id) { e.addService(id, token, service); });
+    link_.run([token, service](Engine& e, std::uint64_t id) { e.addService(id, token, service); });
   }
   void removeService(radio::ServiceToken token) override {
-    run([token](Engine& e, std::uint64_t id) { e.removeService(id, token); });
+    link_.run([token](Engine& e, std::uint64_t id) { e.removeService(id, token); });
   }
   void removeAllServices() override {
-    run([](Engine& e, std::uint64_t id) { e.removeAllServices(id); });
+    link_.run([](Engine& e, std::uint64_t id) { e.removeAllServices(id); });
   }
   void startAdvertising(const CBAdvertisementData& data) override {
-    run([data](Engine& e, std::uint64_t id) { e.startAdvertising(id, data); });
+    link_.run([data](Engine& e, std::uint64_t id) { e.startAdvertising(id, data); });
   }
   void stopAdvertising() override {
-    run([](Engine& e, std::uint64_t id) { e.stopAdvertising(id); });
+    link_.run([](Engine& e, std::uint64_t id) { e.stopAdvertising(id); });
   }
   void respond(radio::RequestId request, CBATTError result, const Data& value) override {
-    run([request, result, value](Engine& e, std::uint64_t id) {
+    link_.run([request, result, value](Engine& e, std::uint64_t id) {
       e.respond(id, request, result, value);
     });
   }
-  void close() override {
-    if (closed_.exchange(true)) return;
-    engine_->post([id = id_](Engine& e) { e.closePeripheral(id); });
-  }
+  void close() override { link_.close(&Engine::closePeripheral); }
 
  private:
-  template <class F>
-  void run(F fn) {
-    if (closed_.load()) return;
-    engine_->post([id = id_, fn = std::move(fn)](Engine& e) { fn(e, id); });
-  }
-
-  std::shared_ptr<Engine> engine_;
-  const std::uint64_t id_;
-  std::atomic<bool> closed_{false};
+  EngineLink link_;
 };
 
 class Observing final : public radio::Observation {

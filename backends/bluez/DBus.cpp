@@ -263,7 +263,8 @@ bool IncomingCall::answered() const {
   return state_->answered;
 }
 
-void IncomingCall::reply() {
+template <class Send>
+void IncomingCall::answer(Send send) {
   if (state_->answered) return;
   state_->answered = true;
   auto connection = state_->connection.lock();
@@ -271,41 +272,28 @@ void IncomingCall::reply() {
   auto node = connection->impl_->incoming.extract(state_->id);
   if (node.empty()) return;
   try {
-    node.mapped().createReply().send();
+    send(node.mapped());
   } catch (const sdbus::Error&) {
     // The caller is gone; nothing to tell.
   }
   connection->refresh();
 }
 
+void IncomingCall::reply() {
+  answer([](sdbus::MethodCall& call) { call.createReply().send(); });
+}
+
 void IncomingCall::reply(const Bytes& value) {
-  if (state_->answered) return;
-  state_->answered = true;
-  auto connection = state_->connection.lock();
-  if (!connection) return;
-  auto node = connection->impl_->incoming.extract(state_->id);
-  if (node.empty()) return;
-  try {
-    auto reply = node.mapped().createReply();
+  answer([&](sdbus::MethodCall& call) {
+    auto reply = call.createReply();
     reply << value;
     reply.send();
-  } catch (const sdbus::Error&) {
-  }
-  connection->refresh();
+  });
 }
 
 void IncomingCall::replyError(const std::string& name, const std::string& message) {
-  if (state_->answered) return;
-  state_->answered = true;
-  auto connection = state_->connection.lock();
-  if (!connection) return;
-  auto node = connection->impl_->incoming.extract(state_->id);
-  if (node.empty()) return;
-  try {
-    node.mapped().createErrorReply(sdbus::Error(name, message)).send();
-  } catch (const sdbus::Error&) {
-  }
-  connection->refresh();
+  answer(
+      [&](sdbus::MethodCall& call) { call.createErrorReply(sdbus::Error(name, message)).send(); });
 }
 
 // --- Connection ------------------------------------------------------------------

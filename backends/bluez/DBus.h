@@ -116,6 +116,11 @@ class IncomingCall {
  private:
   friend class Connection;
   struct State;
+  /// Takes the call out of its connection's pending ones and hands it to
+  /// `send` (which builds and sends the answer), once. Defined and used in
+  /// DBus.cpp only.
+  template <class Send>
+  void answer(Send send);
   std::shared_ptr<State> state_;
 };
 

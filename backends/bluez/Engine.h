@@ -242,6 +242,10 @@ class Engine : public std::enable_shared_from_this<Engine> {
   // --- peripheral role (Peripheral.cpp) ---------------------------------------------
   template <class F>
   void toPeripheral(std::uint64_t session, F&& f);
+  /// The published service behind a request for characteristic `index` of
+  /// `token`, and the session that owns it; null when any of them is gone.
+  const App* appFor(std::uint64_t session, radio::ServiceToken token, std::size_t index,
+                    PeripheralSession*& owner);
   void onReadValue(std::uint64_t session, radio::ServiceToken token, std::size_t index,
                    dbus::IncomingCall call);
   void onWriteValue(std::uint64_t session, radio::ServiceToken token, std::size_t index,

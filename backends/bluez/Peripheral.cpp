@@ -246,15 +246,23 @@ radio::AttRequest Engine::requestFrom(const dbus::IncomingCall& call, radio::Req
   return request;
 }
 
+const Engine::App* Engine::appFor(std::uint64_t session, radio::ServiceToken token,
+                                  std::size_t index, PeripheralSession*& owner) {
+  const auto s = peripherals_.find(session);
+  if (s == peripherals_.end()) return nullptr;
+  const auto it = s->second.apps.find(token);
+  if (it == s->second.apps.end() || index >= it->second.service.characteristics.size()) {
+    return nullptr;
+  }
+  owner = &s->second;
+  return &it->second;
+}
+
 void Engine::onReadValue(std::uint64_t session, radio::ServiceToken token, std::size_t index,
                          dbus::IncomingCall call) {
-  const auto s = peripherals_.find(session);
-  const App* app = nullptr;
-  if (s != peripherals_.end()) {
-    const auto it = s->second.apps.find(token);
-    if (it != s->second.apps.end()) app = &it->second;
-  }
-  if (app == nullptr || index >= app->service.characteristics.size()) {
+  PeripheralSession* owner = nullptr;
+  const App* app = appFor(session, token, index, owner);
+  if (app == nullptr) {
     replyWith(call, CBATTError::UnlikelyError);
     return;
   }
@@ -268,20 +276,16 @@ void Engine::onReadValue(std::uint64_t session, radio::ServiceToken token, std::
     call.reply(Bytes(fixed->begin() + request.offset, fixed->end()));
     return;
   }
-  request.id = s->second.nextRequest++;
-  s->second.requests.emplace(request.id, PendingRequest{std::move(call), true, token});
+  request.id = owner->nextRequest++;
+  owner->requests.emplace(request.id, PendingRequest{std::move(call), true, token});
   toPeripheral(session, [&](radio::PeripheralEvents& e) { e.radioReadRequest(request); });
 }
 
 void Engine::onWriteValue(std::uint64_t session, radio::ServiceToken token, std::size_t index,
                           dbus::IncomingCall call) {
-  const auto s = peripherals_.find(session);
-  const App* app = nullptr;
-  if (s != peripherals_.end()) {
-    const auto it = s->second.apps.find(token);
-    if (it != s->second.apps.end()) app = &it->second;
-  }
-  if (app == nullptr || index >= app->service.characteristics.size()) {
+  PeripheralSession* owner = nullptr;
+  const App* app = appFor(session, token, index, owner);
+  if (app == nullptr) {
     replyWith(call, CBATTError::UnlikelyError);
     return;
   }
@@ -295,9 +299,9 @@ void Engine::onWriteValue(std::uint64_t session, radio::ServiceToken token, std:
     replyWith(call, CBATTError::WriteNotPermitted);
     return;
   }
-  auto request = requestFrom(call, s->second.nextRequest++, token, index);
+  auto request = requestFrom(call, owner->nextRequest++, token, index);
   request.value = call.value();
-  s->second.requests.emplace(request.id, PendingRequest{std::move(call), false, token});
+  owner->requests.emplace(request.id, PendingRequest{std::move(call), false, token});
   toPeripheral(session, [&](radio::PeripheralEvents& e) { e.radioWriteRequests({request}); });
 }
 
