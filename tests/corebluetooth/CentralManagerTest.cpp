@@ -127,6 +127,19 @@ class CentralManagerTest : public ::testing::Test {
     radio->calls.clear();
   }
   std::shared_ptr<radio::CentralEvents> events() { return radio->events(); }
+  // A peripheral discovered under `name`, its delegate the recorder; the
+  // radio's log and the recorded lines start empty.
+  std::shared_ptr<CBPeripheral> discovered(const std::string& name) {
+    makeManager();
+    manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
+    events()->radioDiscovered(report(kA, name));
+    dispatch::settle();
+    auto peripheral = recorder->discovered.at(0);
+    peripheral->setDelegate(recorder);
+    recorder->lines.clear();
+    radio->calls.clear();
+    return peripheral;
+  }
   std::vector<std::string> settled() {
     dispatch::settle();
     auto lines = recorder->lines;
@@ -243,13 +256,7 @@ TEST_F(CentralManagerTest, DropsReportsThatReachTheQueueAfterStopScanOrRelease) 
 }
 
 TEST_F(CentralManagerTest, ConnectionStatesFollowTheRadio) {
-  makeManager();
-  manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
-  events()->radioDiscovered(report(kA, "Beacon"));
-  dispatch::settle();
-  auto peripheral = recorder->discovered.at(0);
-  recorder->lines.clear();
-  radio->calls.clear();
+  auto peripheral = discovered("Beacon");
 
   manager->connectPeripheral(peripheral, std::nullopt);
   EXPECT_EQ(peripheral->state(), CBPeripheralState::Connecting);
@@ -264,7 +271,6 @@ TEST_F(CentralManagerTest, ConnectionStatesFollowTheRadio) {
   manager->connectPeripheral(peripheral, std::nullopt);
   EXPECT_EQ(peripheral->state(), CBPeripheralState::Connected);
 
-  peripheral->setDelegate(recorder);
   peripheral->discoverServices(std::nullopt);
   events()->radioServicesDiscovered(kA, {{1, CBUUID::UUIDWithString("180A"), true}}, std::nullopt);
   dispatch::settle();
@@ -297,15 +303,9 @@ TEST_F(CentralManagerTest, ConnectionStatesFollowTheRadio) {
 // Discovery fills the lists before the callback; values and writes reach the
 // right characteristic; a destroyed manager delivers nothing more.
 TEST_F(CentralManagerTest, DiscoveryValuesAndTheEndOfTheManager) {
-  makeManager();
-  manager->scanForPeripheralsWithServices(std::nullopt, std::nullopt);
-  events()->radioDiscovered(report(kA, "12"));
-  dispatch::settle();
-  auto peripheral = recorder->discovered.at(0);
-  peripheral->setDelegate(recorder);
+  auto peripheral = discovered("12");
   manager->connectPeripheral(peripheral, std::nullopt);
   events()->radioConnected(kA);
-  recorder->lines.clear();
   radio->calls.clear();
 
   peripheral->discoverServices(std::vector{CBUUID::UUIDWithString("180A"), kService});

@@ -142,37 +142,26 @@ TEST(CLBeaconRegion, MatchesByUuidThenMajorThenMinor) {
     EXPECT_EQ(c.region->matches(c.uuid, c.major, c.minor), c.matches)
         << c.region->identifier() << " " << c.major << "/" << c.minor;
   }
-  EXPECT_FALSE(minorAlone.minor());
-  EXPECT_EQ(exact.minor(), Number(2));
 }
 
-TEST(RangingOptions, DistanceCurve) {
-  struct Case {
-    int rssi;
-    int power;
-    double metres;
-  };
-  const Case cases[] = {
+// The distance curve, and the classes its results fall into under the
+// default thresholds and under narrower ones.
+TEST(RangingOptions, DistanceCurveAndProximityClasses) {
+  const std::tuple<int, int, double> distances[] = {
+      // rssi, measured power, metres
       {-59, -59, 1.01076},   {-70, -59, 3.4724}, {-50, -59, 0.19106}, {-90, -59, 23.444},
       {-30, -59, 0.0011553}, {0, -59, -1.0},     {-59, 0, -1.0},
   };
-  for (const Case& c : cases) {
-    const double got = RangingOptions::accuracyFor(c.rssi, c.power);
-    EXPECT_NEAR(got, c.metres, std::abs(c.metres) * 1e-4) << c.rssi << " at " << c.power;
+  for (const auto& [rssi, power, metres] : distances) {
+    EXPECT_NEAR(RangingOptions::accuracyFor(rssi, power), metres, std::abs(metres) * 1e-4)
+        << rssi << " at " << power;
   }
-}
-
-TEST(RangingOptions, ProximityClasses) {
   RangingOptions defaults;
   RangingOptions narrow;
   narrow.immediateBelow = 0.2;
   narrow.nearUpTo = 3.0;
-  struct Case {
-    double accuracy;
-    CLProximity byDefault;
-    CLProximity byNarrow;
-  };
-  const Case cases[] = {
+  const std::tuple<double, CLProximity, CLProximity> classes[] = {
+      // accuracy, by default, by narrow
       {-1.0, CLProximity::Unknown, CLProximity::Unknown},
       {std::nan(""), CLProximity::Unknown, CLProximity::Unknown},
       {0.0, CLProximity::Immediate, CLProximity::Immediate},
@@ -182,9 +171,9 @@ TEST(RangingOptions, ProximityClasses) {
       {4.0, CLProximity::Near, CLProximity::Far},
       {4.01, CLProximity::Far, CLProximity::Far},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(defaults.proximityFor(c.accuracy), c.byDefault) << c.accuracy;
-    EXPECT_EQ(narrow.proximityFor(c.accuracy), c.byNarrow) << c.accuracy;
+  for (const auto& [accuracy, byDefault, byNarrow] : classes) {
+    EXPECT_EQ(defaults.proximityFor(accuracy), byDefault) << accuracy;
+    EXPECT_EQ(narrow.proximityFor(accuracy), byNarrow) << accuracy;
   }
 }
 

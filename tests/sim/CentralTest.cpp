@@ -57,7 +57,10 @@ class AirCentral : public ::testing::Test {
     ASSERT_EQ(handles.size(), 3u);
   }
   radio::AttHandle handle(const CBUUID& uuid) { return handles.at(uuid.UUIDString()); }
-  std::string text(const CBUUID& uuid) { return std::to_string(handle(uuid)); }
+  // A recorded line about one attribute: "value C0:... 12 <6869> ok".
+  static std::string ev(const std::string& what, radio::AttHandle h, const std::string& rest) {
+    return what + " " + kDevice + " " + std::to_string(h) + " " + rest;
+  }
 
   std::shared_ptr<Air> air;
   std::shared_ptr<VirtualDevice> device;
@@ -235,11 +238,9 @@ TEST_F(AirCentral, ReadsAndWritesGoThroughTheDatabase) {
   session->write(kDevice, reply, {0x09}, true);  // not writable
   session->read(kDevice, 0x0999);
   air->advance(10ms);
-  EXPECT_EQ(recorder->log(), (Lines{"value " + kDevice + " " + std::to_string(reply) + " <6869> ok",
-                                    "written " + kDevice + " " + std::to_string(data) + " ok",
-                                    "value " + kDevice + " " + std::to_string(data) + " null att 2",
-                                    "written " + kDevice + " " + std::to_string(reply) + " att 3",
-                                    "value " + kDevice + " 2457 null att 1"}));
+  EXPECT_EQ(recorder->log(), (Lines{ev("value", reply, "<6869> ok"), ev("written", data, "ok"),
+                                    ev("value", data, "null att 2"), ev("written", reply, "att 3"),
+                                    ev("value", 0x0999, "null att 1")}));
   EXPECT_EQ(device->writesTo(kData), (std::vector<Bytes>{{0x01, 0x02}, {0x03}}));
 
   recorder->clear();
@@ -249,8 +250,7 @@ TEST_F(AirCentral, ReadsAndWritesGoThroughTheDatabase) {
   session->write(kDevice, data, {0x04}, true);
   air->advance(10ms);
   EXPECT_EQ(recorder->log(),
-            (Lines{"value " + kDevice + " " + std::to_string(level) + " null att 5",
-                   "written " + kDevice + " " + std::to_string(data) + " att 3"}));
+            (Lines{ev("value", level, "null att 5"), ev("written", data, "att 3")}));
   EXPECT_EQ(device->writesTo(kData).size(), 2u);  // the refused write is not kept
 
   recorder->clear();
@@ -258,7 +258,7 @@ TEST_F(AirCentral, ReadsAndWritesGoThroughTheDatabase) {
   device->failWrites(std::nullopt);
   session->read(kDevice, level);
   air->advance(10ms);
-  EXPECT_EQ(recorder->log(), Lines{"value " + kDevice + " " + std::to_string(level) + " <64> ok"});
+  EXPECT_EQ(recorder->log(), Lines{ev("value", level, "<64> ok")});
 }
 
 TEST_F(AirCentral, HandlersAnswerAndEchoWritesComeBack) {
@@ -283,12 +283,9 @@ TEST_F(AirCentral, HandlersAnswerAndEchoWritesComeBack) {
   session->write(kDevice, data, ascii("ping"), true);
   session->write(kDevice, data, {}, true);
   air->advance(10ms);
-  const std::string d = std::to_string(data);
   EXPECT_EQ(recorder->log(),
-            (Lines{"value " + kDevice + " " + std::to_string(reply) + " <68616e64 6c6564> ok",
-                   "written " + kDevice + " " + d + " ok",
-                   "value " + kDevice + " " + d + " <70696e67> ok",
-                   "written " + kDevice + " " + d + " att 13"}));
+            (Lines{ev("value", reply, "<68616e64 6c6564> ok"), ev("written", data, "ok"),
+                   ev("value", data, "<70696e67> ok"), ev("written", data, "att 13")}));
   EXPECT_EQ(offsets, std::vector<std::uint16_t>{0});
   EXPECT_EQ(seen, (std::vector<Bytes>{ascii("ping"), {}}));
   EXPECT_EQ(device->writesTo(kData), std::vector<Bytes>{ascii("ping")});
@@ -308,10 +305,9 @@ TEST_F(AirCentral, PushedUpdatesReachEveryLinkedSession) {
   device->pushValueUpdate(kLevel, std::nullopt, std::nullopt);
   device->pushValueUpdate(CBUUID::UUIDWithString("2A00"), Bytes{1}, std::nullopt);  // not there
   air->advance(10ms);
-  const std::string h = text(kLevel);
-  const Lines expected{"value " + kDevice + " " + h + " <50> ok",
-                       "value " + kDevice + " " + h + " null att 14",
-                       "value " + kDevice + " " + h + " null ok"};
+  const radio::AttHandle h = handle(kLevel);
+  const Lines expected{ev("value", h, "<50> ok"), ev("value", h, "null att 14"),
+                       ev("value", h, "null ok")};
   EXPECT_EQ(recorder->log(), expected);
   auto otherLog = other->log();
   ASSERT_EQ(otherLog.size(), 4u);
@@ -320,23 +316,19 @@ TEST_F(AirCentral, PushedUpdatesReachEveryLinkedSession) {
 }
 
 TEST_F(AirCentral, DroppedRemovedOrUnconnectablePeersEndLinksWithAnError) {
-  connect();
-  device->dropLink();
-  air->advance(1ms);
-  EXPECT_EQ(recorder->log(), Lines{"disconnected " + kDevice + " cb 6"});
-
-  recorder->clear();
-  connect();
-  device->setConnectable(false);
-  air->advance(1ms);
-  EXPECT_EQ(recorder->log(), Lines{"disconnected " + kDevice + " cb 7"});
-  device->setConnectable(true);
-
-  recorder->clear();
-  connect();
-  air->removeDevice(kDevice);
-  air->advance(1ms);
-  EXPECT_EQ(recorder->log(), Lines{"disconnected " + kDevice + " cb 7"});
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { device->dropLink(); }, "cb 6"},
+      {[&] { device->setConnectable(false); }, "cb 7"},
+      {[&] { air->removeDevice(kDevice); }, "cb 7"},  // last: the device is gone
+  };
+  for (const auto& [end, error] : cases) {
+    device->setConnectable(true);
+    connect();
+    end();
+    air->advance(1ms);
+    EXPECT_EQ(recorder->log(), Lines{"disconnected " + kDevice + " " + error});
+    recorder->clear();
+  }
   EXPECT_EQ(air->device(kDevice), nullptr);
 }
 

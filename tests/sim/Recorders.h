@@ -56,11 +56,6 @@ class Recording {
 
 class CentralRecorder : public radio::CentralEvents, public Recording {
  public:
-  struct Value {
-    radio::AttHandle handle = 0;
-    Data value;
-  };
-
   void radioStateChanged(CBManagerState state) override {
     line("state " + std::to_string(static_cast<int>(state)));
   }
@@ -92,10 +87,7 @@ class CentralRecorder : public radio::CentralEvents, public Recording {
   void radioValueUpdated(const radio::PeripheralId& peer, radio::AttHandle handle,
                          const Data& value, const std::optional<Error>& error) override {
     line("value " + peer + " " + std::to_string(handle) + " " +
-             (value ? description(*value) : std::string("null")) + " " + errorText(error),
-         [&] {
-           values_.push_back({handle, value});
-         });
+         (value ? description(*value) : std::string("null")) + " " + errorText(error));
   }
   void radioValueWritten(const radio::PeripheralId& peer, radio::AttHandle handle,
                          const std::optional<Error>& error) override {
@@ -105,12 +97,10 @@ class CentralRecorder : public radio::CentralEvents, public Recording {
   std::vector<radio::AdvertisingReport> reports() const { return get(reports_); }
   std::vector<radio::RemoteService> services() const { return get(services_); }
   std::vector<radio::RemoteCharacteristic> characteristics() const { return get(characteristics_); }
-  std::vector<Value> values() const { return get(values_); }
   void clear() {
     Recording::clear();
     std::lock_guard lock(mutex_);
     reports_.clear();
-    values_.clear();
   }
 
   /// Connects to `peer` and discovers all its services and characteristics;
@@ -136,7 +126,6 @@ class CentralRecorder : public radio::CentralEvents, public Recording {
   std::vector<radio::AdvertisingReport> reports_;
   std::vector<radio::RemoteService> services_;
   std::vector<radio::RemoteCharacteristic> characteristics_;
-  std::vector<Value> values_;
 };
 
 class PeripheralRecorder : public radio::PeripheralEvents, public Recording {

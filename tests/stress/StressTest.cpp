@@ -1,12 +1,11 @@
-// Finders and the emulator in one process, talking over the simulated air,
-// while application threads keep changing everything around the traffic:
-// finders are disconnected, reconnected and replaced, their delegates swapped
-// and destroyed; the emulator is restarted, replaced, and its delegates
-// swapped and destroyed. Callbacks arrive on the main queue (finders) and on
-// the worker pool (emulator) throughout. Meant for ThreadSanitizer: besides
-// the explicit checks, any data race fails the run.
+// The emulator, alone with remote centrals and then with finders in the same
+// process, under application threads that keep changing everything around
+// the traffic: restarts, replacements, delegates swapped and destroyed.
+// Callbacks arrive on the main queue (finders) and on the worker pool
+// (emulator) throughout. Meant for ThreadSanitizer: besides the explicit
+// checks, any data race fails the run.
 //
-// Objects that are destroyed while the test runs are built in cells that
+// Objects that are destroyed while a test runs are built in cells that
 // outlive them and mark their own end: a call that arrives afterwards finds a
 // marked object (or the abstract base's pure-virtual trap) rather than freed
 // memory, and is counted.
@@ -37,10 +36,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kRounds = 2000;  // of 20 ms of virtual time
-constexpr std::size_t kFinders = 2;
 const Uuid kBeacon = *Uuid::fromString("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+const Uuid kOther = *Uuid::fromString("74278BDA-B644-4520-8F0C-720EAF059935");
 const CBUUID kWrite = CBUUID::UUIDWithString(TQBleProcessWriteCharacteristicUUID);
+const CBUUID kRead = CBUUID::UUIDWithString("FFCC");
 
 std::atomic<int> lateCalls{0};
 
@@ -92,7 +91,7 @@ class Cells {
   std::set<T*> live_;
 };
 
-// A write's tag: finder slot, finder generation, sequence number.
+// A write's tag: writer slot, writer generation, sequence number.
 struct Tag {
   int slot;
   int generation;
@@ -109,8 +108,33 @@ struct Deliveries {
   std::mutex mutex;
   std::vector<Tag> tags;
   int malformed = 0;
+  /// (slot, generation) -> sequence numbers, in delivery order.
+  std::map<std::pair<int, int>, std::vector<int>> bySender() {
+    std::lock_guard lock(mutex);
+    std::map<std::pair<int, int>, std::vector<int>> out;
+    for (const Tag& t : tags) out[{t.slot, t.generation}].push_back(t.seq);
+    return out;
+  }
 };
 
+/// Checks that every accepted write was delivered, and that each sender's
+/// deliveries came in the order sent, none twice.
+void expectDeliveredOnceInOrder(Deliveries& deliveries, const std::vector<Tag>& accepted) {
+  auto delivered = deliveries.bySender();
+  for (const Tag& t : accepted) {
+    const auto& seqs = delivered[{t.slot, t.generation}];
+    EXPECT_TRUE(std::find(seqs.begin(), seqs.end(), t.seq) != seqs.end())
+        << "writer " << t.slot << "." << t.generation << " write " << t.seq << " lost";
+  }
+  for (const auto& [writer, seqs] : delivered) {
+    EXPECT_TRUE(std::adjacent_find(seqs.begin(), seqs.end(), std::greater_equal<>()) == seqs.end())
+        << "writer " << writer.first << "." << writer.second;
+  }
+  std::lock_guard lock(deliveries.mutex);
+  EXPECT_EQ(deliveries.malformed, 0);
+}
+
+/// Answers reads with one byte of its own (A0 and up) and keeps every write.
 class EmulatorApp : public TQBleProcessDelegate, public Mortal {
  public:
   EmulatorApp(Deliveries& log, std::uint8_t answer) : log_(log), answer_(answer) {}
@@ -129,6 +153,7 @@ class EmulatorApp : public TQBleProcessDelegate, public Mortal {
     const auto& b = *data;
     log_.tags.push_back(Tag{b[0], b[1], (b[2] << 8) | b[3]});
   }
+  static bool isAnswer(const Data& v) { return v && v->size() == 1 && (*v)[0] >= 0xA0; }
   static inline std::atomic<int> onMain{0};
 
  private:
@@ -145,9 +170,10 @@ class FinderApp : public TQBleFinderDelegate, public Mortal {
   void didstate(std::int32_t state, const std::string&, const Data& data) override {
     touch();
     if (!isMainThread()) offMain.fetch_add(1);
-    // Event 80 carries what the emulator's application answered: one byte A0..
-    if (state == 80 && (!data || data->size() != 1 || (*data)[0] < 0xA0)) badReads.fetch_add(1);
-    if (state == 80) reads.fetch_add(1);
+    // Event 80 carries what the emulator's application answered.
+    if (state != 80) return;
+    reads.fetch_add(1);
+    if (!EmulatorApp::isAnswer(data)) badReads.fetch_add(1);
   }
   static inline std::atomic<int> offMain{0};
   static inline std::atomic<int> badReads{0};
@@ -209,13 +235,38 @@ class CountingFinder : public TQBleFinder, public Mortal {
   std::deque<Tag> inflight_;
 };
 
+// Thousands of "Write" lines would only slow the run down.
 struct QuietLog {
   QuietLog() : previous(setLogSink([](std::string_view) {})) {}
   ~QuietLog() { setLogSink(std::move(previous)); }
   LogSink previous;
 };
 
-class FinderEmulatorStressTest : public ::testing::Test {
+/// Runs `rounds` rounds; in each, every actor acts once on its own thread
+/// while the main thread runs `main` (which advances the air). The barriers
+/// keep the churn bounded however the machine schedules the threads.
+void race(int rounds, const std::vector<std::function<void(int)>>& actors,
+          const std::function<void(int)>& main) {
+  std::barrier<> sync(static_cast<std::ptrdiff_t>(actors.size() + 1));
+  std::vector<std::thread> threads;
+  for (const auto& act : actors) {
+    threads.emplace_back([&sync, &act, rounds] {
+      for (int round = 0; round < rounds; ++round) {
+        sync.arrive_and_wait();
+        act(round);
+        sync.arrive_and_wait();
+      }
+    });
+  }
+  for (int round = 0; round < rounds; ++round) {
+    sync.arrive_and_wait();
+    main(round);
+    sync.arrive_and_wait();
+  }
+  for (auto& t : threads) t.join();
+}
+
+class StressTest : public ::testing::Test {
  protected:
   void SetUp() override {
     for (auto* counter : {&lateCalls, &EmulatorApp::onMain, &FinderApp::offMain,
@@ -236,6 +287,8 @@ class FinderEmulatorStressTest : public ::testing::Test {
     power.store(std::nullopt);
     radio::Backend::setCurrent(nullptr);
     NSUserDefaults::setStandardPath({});
+    EXPECT_EQ(lateCalls.load(), 0);
+    EXPECT_EQ(EmulatorApp::onMain.load(), 0);
   }
 
   TempDir defaults;
@@ -243,7 +296,123 @@ class FinderEmulatorStressTest : public ::testing::Test {
   std::shared_ptr<sim::Air> air;
 };
 
-TEST_F(FinderEmulatorStressTest, WritesArriveOnceInOrderAndNoDeadObjectIsCalled) {
+// Remote centrals write (singly and in prepared batches) and read while two
+// application threads restart, re-configure and re-delegate two emulators
+// sharing the one manager, and a third reads every property the callbacks
+// write.
+TEST_F(StressTest, CentralWritesArriveOnceAndInOrderWhileTheAppChurns) {
+  constexpr int kCentrals = 3;
+  Deliveries deliveries;
+  Cells<EmulatorApp> apps;
+  const std::array<EmulatorApp*, 3> app = {apps.make(deliveries, 0xA0), apps.make(deliveries, 0xA1),
+                                           apps.make(deliveries, 0xA2)};
+  auto first = std::make_shared<TQBleProcess>();
+  first->setDelegate(app[0]);
+  first->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+  auto second = std::make_shared<TQBleProcess>();
+  second->setDelegate(app[1]);
+  air->advance(100ms);
+
+  struct Central {
+    std::shared_ptr<sim::VirtualCentral> central;
+    int nextSeq = 0;
+    int outstanding = 0;
+    std::vector<Tag> accepted;
+    int badReads = 0;
+  };
+  std::vector<Central> centrals(kCentrals);
+  for (auto& c : centrals) c.central = air->addCentral();
+  auto traffic = [&](int round) {
+    for (int index = 0; index < kCentrals; ++index) {
+      auto& c = centrals[static_cast<std::size_t>(index)];
+      if (!c.central->isConnected()) {
+        c.central->connectByName("12");  // the identity stays "12": the region is sticky
+        continue;
+      }
+      if (c.outstanding > 2) continue;
+      std::vector<Tag> tags;
+      for (int k = round % 7 == 3 ? 3 : 2; k > 0; --k) tags.push_back({index, 0, c.nextSeq++});
+      if (tags.size() == 3) {
+        ++c.outstanding;
+        std::vector<Bytes> batch;
+        for (const Tag& t : tags) batch.push_back(payload(t));
+        c.central->writeBatch(kWrite, batch, [&c, tags](const std::vector<CBATTError>& results) {
+          --c.outstanding;
+          for (std::size_t k = 0; k < results.size() && k < tags.size(); ++k)
+            if (results[k] == CBATTError::Success) c.accepted.push_back(tags[k]);
+        });
+      } else {
+        for (const Tag& t : tags) {
+          ++c.outstanding;
+          c.central->write(kWrite, payload(t), [&c, t](CBATTError e) {
+            --c.outstanding;
+            if (e == CBATTError::Success) c.accepted.push_back(t);
+          });
+        }
+      }
+      c.central->read(kRead, 0, [&c](CBATTError result, const Data& value) {
+        if (result == CBATTError::Success && !EmulatorApp::isAnswer(value)) ++c.badReads;
+      });
+    }
+    air->advance(20ms);
+  };
+
+  std::atomic<int> stops{0};
+  race(1000,
+       {[&](int round) {
+          if (round % 40 == 0) {
+            if (first->StopTQBeacon()) stops.fetch_add(1);
+            first->initStartTQBeacon(kOther, Number(9), Number(9), Number(-40));
+          } else if (round % 20 == 13) {
+            first->StartTQBeacon();
+          } else {
+            first->setDelegate(app[static_cast<std::size_t>(round) % 3]);
+          }
+        },
+        [&](int round) {
+          if (round % 45 == 0) {
+            second->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+          } else if (round % 45 == 23) {
+            first->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+          } else if (round % 70 == 0) {
+            second->DestroyTQBeacon();
+            second->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+          } else {
+            second->setDelegate(app[static_cast<std::size_t>(round + 1) % 3]);
+          }
+        },
+        [&](int) {
+          (void)first->is_TQBeaconState();
+          (void)second->customService();
+          (void)first->customCharacteristic_Write();
+          (void)second->numberFormatter();
+          (void)first->uuid();
+          (void)power.load();
+          (void)region.load();
+        }},
+       traffic);
+  air->advance(1s);  // answers still in flight come home
+
+  std::vector<Tag> accepted;
+  for (const auto& c : centrals) {
+    // Answers come back in request order too.
+    EXPECT_TRUE(std::is_sorted(c.accepted.begin(), c.accepted.end()));
+    EXPECT_EQ(c.badReads, 0);
+    accepted.insert(accepted.end(), c.accepted.begin(), c.accepted.end());
+  }
+  expectDeliveredOnceInOrder(deliveries, accepted);
+  RecordProperty("stops", stops.load());
+  // The churn must leave room for real traffic, or the test proves nothing.
+  EXPECT_GT(accepted.size(), 300u);
+  first.reset();
+  second.reset();
+}
+
+// Finders are disconnected, reconnected and replaced, their delegates swapped
+// and destroyed, while the emulator is restarted, replaced and re-delegated.
+TEST_F(StressTest, FinderWritesArriveOnceInOrderAndNoDeadObjectIsCalled) {
+  constexpr int kRounds = 2000;  // of 20 ms of virtual time
+  constexpr std::size_t kFinders = 2;
   Deliveries deliveries;
   Cells<EmulatorApp> emulatorApps;
   Cells<FinderApp> finderApps;
@@ -312,100 +481,57 @@ TEST_F(FinderEmulatorStressTest, WritesArriveOnceInOrderAndNoDeadObjectIsCalled)
       f.send(Tag{static_cast<int>(index), slot.generation, slot.nextSeq++});
     }
   };
-
-  // Every round: the threads act while the main thread runs 20 ms of air.
-  std::barrier<> sync(1 + kFinders + 1);
-  std::vector<std::thread> threads;
+  std::vector<std::function<void(int)>> actors;
   for (std::size_t index = 0; index < kFinders; ++index) {
-    threads.emplace_back([&, index] {
-      for (int round = 0; round < kRounds; ++round) {
-        sync.arrive_and_wait();
-        DispatchQueue::main()->async([&act, index, round] { act(index, round); });
-        sync.arrive_and_wait();
-      }
+    actors.push_back([&act, index](int round) {
+      DispatchQueue::main()->async([&act, index, round] { act(index, round); });
     });
   }
-  threads.emplace_back([&] {
-    for (int round = 0; round < kRounds; ++round) {
-      sync.arrive_and_wait();
-      switch (round % 60) {
-        case 10: {  // a new application delegate; the old one is destroyed
-          EmulatorApp* old = emulatorApp;
-          emulatorApp = emulatorApps.make(deliveries, nextAnswer++);
-          emulator->setDelegate(emulatorApp);
-          // Calls that picked up the old delegate run on the pool: once it
-          // has been idle, none is left.
-          dispatch::waitForGlobalIdle();
-          emulatorApps.end(old);
-          break;
-        }
-        case 25:  // restart: the links drop, a new manager publishes afresh
-          if (emulator->StopTQBeacon())
-            emulator->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
-          break;
-        case 40: {  // a new emulator takes the shared manager; the old one is released
-          auto replacement = emulators.share();
-          replacement->setDelegate(emulatorApp);
-          replacement->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
-          emulator = std::move(replacement);
-          break;
-        }
-        case 55:
-          emulator->DestroyTQBeacon();
-          emulator->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
-          break;
-        default:
-          (void)emulator->is_TQBeaconState();
-          (void)emulator->customService();
+  actors.push_back([&](int round) {
+    switch (round % 60) {
+      case 10: {  // a new application delegate; the old one is destroyed
+        EmulatorApp* old = emulatorApp;
+        emulatorApp = emulatorApps.make(deliveries, nextAnswer++);
+        emulator->setDelegate(emulatorApp);
+        // Calls that picked up the old delegate run on the pool: once it
+        // has been idle, none is left.
+        dispatch::waitForGlobalIdle();
+        emulatorApps.end(old);
+        break;
       }
-      sync.arrive_and_wait();
+      case 25:  // restart: the links drop, a new manager publishes afresh
+        if (emulator->StopTQBeacon())
+          emulator->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+        break;
+      case 40: {  // a new emulator takes the shared manager; the old one is released
+        auto replacement = emulators.share();
+        replacement->setDelegate(emulatorApp);
+        replacement->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+        emulator = std::move(replacement);
+        break;
+      }
+      case 55:
+        emulator->DestroyTQBeacon();
+        emulator->initStartTQBeacon(kBeacon, Number(1), Number(2), std::nullopt);
+        break;
+      default:
+        (void)emulator->is_TQBeaconState();
+        (void)emulator->customService();
     }
   });
-
-  for (int round = 0; round < kRounds; ++round) {
-    sync.arrive_and_wait();
-    air->advance(20ms);
-    sync.arrive_and_wait();
-  }
-  for (auto& t : threads) t.join();
+  race(kRounds, actors, [&](int) { air->advance(20ms); });
   air->advance(1s);  // answers still in flight come home
-  std::vector<Tag> tags;
-  int malformed;
-  {
-    std::lock_guard lock(deliveries.mutex);
-    tags = deliveries.tags;
-    malformed = deliveries.malformed;
-  }
 
-  std::map<std::pair<int, int>, std::vector<int>> delivered;  // (slot, generation) -> seqs
-  for (const Tag& t : tags) delivered[{t.slot, t.generation}].push_back(t.seq);
-  std::size_t acceptedTotal = 0;
-  for (std::size_t index = 0; index < kFinders; ++index) {
-    Slot& slot = slots[index];
-    std::vector<Tag> accepted = slot.accepted;
+  std::vector<Tag> accepted;
+  for (Slot& slot : slots) {
+    accepted.insert(accepted.end(), slot.accepted.begin(), slot.accepted.end());
     accepted.insert(accepted.end(), slot.finder->accepted.begin(), slot.finder->accepted.end());
-    acceptedTotal += accepted.size();
-    for (const Tag& t : accepted) {
-      const auto& seqs = delivered[{t.slot, t.generation}];
-      EXPECT_TRUE(std::binary_search(seqs.begin(), seqs.end(), t.seq))
-          << "finder " << t.slot << "." << t.generation << " write " << t.seq << " lost";
-    }
   }
-  for (const auto& [finder, seqs] : delivered) {
-    // In the order sent, never twice.
-    EXPECT_TRUE(std::adjacent_find(seqs.begin(), seqs.end(), std::greater_equal<>()) == seqs.end())
-        << "finder " << finder.first << "." << finder.second;
-  }
-  EXPECT_EQ(malformed, 0);
-  EXPECT_EQ(lateCalls.load(), 0);
-  EXPECT_EQ(EmulatorApp::onMain.load(), 0);
+  expectDeliveredOnceInOrder(deliveries, accepted);
   EXPECT_EQ(FinderApp::offMain.load(), 0);
   EXPECT_EQ(FinderApp::badReads.load(), 0);
-  RecordProperty("accepted", static_cast<int>(acceptedTotal));
-  RecordProperty("reads", FinderApp::reads.load());
-  RecordProperty("ranged", FinderApp::ranged.load());
   // The churn must leave room for real traffic, or the test proves nothing.
-  EXPECT_GT(acceptedTotal, 600u);
+  EXPECT_GT(accepted.size(), 600u);
   EXPECT_GT(FinderApp::reads.load(), 60);
   EXPECT_GT(FinderApp::ranged.load(), 20);
 
