@@ -41,11 +41,11 @@ class Atomic {
     std::swap(value_, value);
     return value;
   }
-  /// Calls `fn` with the value under the lock and returns what it returns:
-  /// a look at a large value without copying it. `fn` must not reach back
-  /// into this object.
+  /// Calls `fn` with the value under the lock and returns a copy of what it
+  /// returns: a look at a large value without copying it. `fn` must not
+  /// reach back into this object.
   template <class Fn>
-  decltype(auto) read(Fn&& fn) const {
+  auto read(Fn&& fn) const {
     std::lock_guard lock(mutex_);
     return std::forward<Fn>(fn)(std::as_const(value_));
   }
