@@ -175,17 +175,17 @@ class BlueZTest : public ::testing::Test {
     EXPECT_EQ(centralEvents->connected.back(), address);
   }
 
-  /// Runs the main loop until `done` (a failure bound, not a pause).
+  /// Runs the main loop until `done` (a failure bound, not a pause). The loop
+  /// runs in short slices so that conditions only the stand-in can tell are
+  /// asked again even when no event arrives.
+  /// Once `done` says yes it is not asked again (some conditions act, such
+  /// as a notification sent when the subscription is there).
   static bool until(const std::function<bool()>& done, std::chrono::milliseconds bound = 5s) {
-    return RunLoop::main().runUntil(done, bound);
-  }
-  /// For conditions only the stand-in can tell: runs the loop in short
-  /// slices, asking in between.
-  static bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 5s) {
+    bool met = false;
+    const std::function<bool()> latched = [&] { return met || (met = done()); };
     const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!done()) {
+    while (!RunLoop::main().runUntil(latched, 10ms)) {
       if (std::chrono::steady_clock::now() > deadline) return false;
-      RunLoop::main().runFor(10ms);
     }
     return true;
   }
@@ -220,7 +220,7 @@ class BlueZTest : public ::testing::Test {
   }
   nlohmann::json waitForOp(std::uint32_t op) {
     nlohmann::json result;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(until([&] {
       result = bluez->state()["ops"][std::to_string(op)];
       return result["done"] == true;
     }));

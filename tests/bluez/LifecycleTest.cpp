@@ -89,7 +89,7 @@ TEST_F(LifecycleTest, PowerCycleEndsLinksScansRegistrationsAndPendingRequests) {
             static_cast<int>(CBError::PeripheralDisconnected));
   // bluetoothd 5.66 would keep both registrations across the power cycle; the
   // backend does not, and the pending request fails.
-  EXPECT_TRUE(eventually([&] {
+  EXPECT_TRUE(until([&] {
     const auto s = hci0();
     return s["apps"].empty() && s["ads"].empty();
   }));
@@ -106,7 +106,7 @@ TEST_F(LifecycleTest, PowerCycleEndsLinksScansRegistrationsAndPendingRequests) {
   // A new scan sets the filter again (bluetoothd dropped it at power-off).
   const std::size_t filtersBefore = hci0()["filters"].size();
   central->startScan({});
-  EXPECT_TRUE(eventually([&] {
+  EXPECT_TRUE(until([&] {
     const auto s = hci0();
     return s["startCount"] == 3 && s["filters"].size() == filtersBefore + 1;
   }));
@@ -173,7 +173,7 @@ TEST_F(LifecycleTest, RangingRestartsDiscoveryWhenReportsAreSparse) {
   EXPECT_GE(s["startCount"].get<int>(), 3);
   EXPECT_EQ(s["filters"].back()["DuplicateData"], true);
   observation.reset();
-  EXPECT_TRUE(eventually([&] { return hci0()["sessions"].empty(); }));
+  EXPECT_TRUE(until([&] { return hci0()["sessions"].empty(); }));
 }
 
 }  // namespace

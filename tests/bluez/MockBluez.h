@@ -11,18 +11,10 @@
 // returns at once and completes while the test runs the main run loop.
 #pragma once
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <sdbus-c++/sdbus-c++.h>
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -32,8 +24,7 @@
 #include <vector>
 
 #include "support/TempDir.h"
-
-extern char** environ;
+#include "tool/Child.h"
 
 namespace lumora::test {
 
@@ -80,10 +71,10 @@ class MockBluez {
         << "  </policy>\n</busconfig>\n";
     bus_ = spawn(
         {"/usr/bin/dbus-daemon", "--config-file=" + conf.string(), "--print-address", "--nofork"},
-        "bus.err", &busOut_);
-    address_ = readLine(busOut_);
+        "bus.err");
+    address_ = bus_->firstLine();
     if (address_.empty()) {
-      stop(bus_, busOut_, SIGKILL);
+      bus_.reset();
       throw std::runtime_error("dbus-daemon did not start: " + readFile("bus.err"));
     }
     ::setenv("LUMORA_BLUEZ_BUS", address_.c_str(), 1);
@@ -94,8 +85,8 @@ class MockBluez {
   ~MockBluez() {
     control_.reset();
     connection_.reset();
-    stop(standIn_, standInOut_, SIGTERM);
-    stop(bus_, busOut_, SIGTERM);
+    if (standIn_) standIn_->stop(SIGTERM);
+    bus_->stop(SIGTERM);
     ::unsetenv("LUMORA_BLUEZ_BUS");
   }
   MockBluez(const MockBluez&) = delete;
@@ -103,7 +94,7 @@ class MockBluez {
 
   /// Starts the stand-in (again, after killStandIn()).
   void startStandIn() {
-    if (standIn_ > 0) return;
+    if (standIn_) return;
     std::vector<std::string> argv{"DBUS_SYSTEM_BUS_ADDRESS=" + address_,
                                   "/usr/bin/python3",
                                   "-m",
@@ -113,19 +104,19 @@ class MockBluez {
                                   "-l",
                                   dir_.file("bluez.log").string()};
     if (!parameters_.empty()) argv.insert(argv.end(), {"-p", parameters_});
-    standIn_ = spawn(argv, "bluez.err", &standInOut_);
-    if (readLine(standInOut_) != "lumora-bluez-mock ready") {
-      stop(standIn_, standInOut_, SIGKILL);
+    standIn_ = spawn(argv, "bluez.err");
+    if (standIn_->firstLine() != "lumora-bluez-mock ready") {
+      standIn_.reset();
       throw std::runtime_error("the bluetoothd stand-in did not start: " + readFile("bluez.err"));
     }
   }
   /// SIGKILL: bluetoothd crashing.
-  void killStandIn() { stop(standIn_, standInOut_, SIGKILL); }
+  void killStandIn() { standIn_.reset(); }
   /// SIGTERM to the bus daemon itself.
   void killBus() {
     control_.reset();
     connection_.reset();
-    stop(bus_, busOut_, SIGTERM);
+    bus_->stop(SIGTERM);
   }
 
   /// A blocking call to org.lumora.BluezMock on "/".
@@ -149,54 +140,12 @@ class MockBluez {
   static constexpr const char* kControl = "org.lumora.BluezMock";
 
   // Starts `argv` through env(1), which first takes away what would redirect
-  // Debian's python or point it at another system bus; stdout on a pipe
-  // (returned in `out`), stderr into the file `err` of our folder.
-  pid_t spawn(std::vector<std::string> argv, const char* err, int* out) {
-    const std::string program = argv[0];
+  // Debian's python or point it at another system bus; stderr goes into the
+  // file `err` of our folder.
+  std::unique_ptr<Child> spawn(std::vector<std::string> argv, const char* err) {
     argv.insert(argv.begin(), {"/usr/bin/env", "-u", "PYTHONPATH", "-u", "PYTHONHOME", "-u",
                                "DBUS_SYSTEM_BUS_ADDRESS"});
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, dir_.file(err).c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    pid_t pid = -1;
-    const int rc = ::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    if (rc != 0) {
-      ::close(fds[0]);
-      throw std::runtime_error("cannot start " + program + ": " + std::strerror(rc));
-    }
-    *out = fds[0];
-    return pid;
-  }
-  // One line from `fd`, waiting at most 15 s; empty on end of file or time-out.
-  static std::string readLine(int fd) {
-    std::string line;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    for (char c; std::chrono::steady_clock::now() < deadline;) {
-      pollfd p{fd, POLLIN, 0};
-      if (::poll(&p, 1, 100) <= 0) continue;
-      if (::read(fd, &c, 1) <= 0) return {};
-      if (c == '\n') return line;
-      line += c;
-    }
-    return {};
-  }
-  static void stop(pid_t& pid, int& out, int signal) {
-    if (pid > 0) {
-      ::kill(pid, signal);
-      ::waitpid(pid, nullptr, 0);
-    }
-    if (out >= 0) ::close(out);
-    pid = out = -1;
+    return std::make_unique<Child>(std::move(argv), dir_.file(err).string());
   }
   std::string readFile(const char* name) const {
     std::stringstream text;
@@ -207,10 +156,8 @@ class MockBluez {
   TempDir dir_;
   std::string address_;
   std::string parameters_;
-  pid_t bus_ = -1;
-  int busOut_ = -1;
-  pid_t standIn_ = -1;
-  int standInOut_ = -1;
+  std::unique_ptr<Child> bus_;
+  std::unique_ptr<Child> standIn_;  // SIGKILL on reset: bluetoothd crashing
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<sdbus::IProxy> control_;
 };

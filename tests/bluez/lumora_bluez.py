@@ -64,8 +64,6 @@ def plain(value):
         return {str(k): plain(v) for k, v in value.items()}
     if isinstance(value, int):
         return int(value)
-    if isinstance(value, float):
-        return float(value)
     return str(value)
 
 
@@ -145,6 +143,13 @@ class Adapter:
         if bool(obj(self.path).props[ADAPTER]['Discovering']) != on:
             emit_changed(self.path, ADAPTER, {'Discovering': dbus.Boolean(on)})
 
+    def end_session(self, sender):
+        self.sessions.pop(sender, None)
+        self.filters.pop(sender, None)
+        if not self.sessions:
+            self.stop_reports()
+            self.set_discovering(False)
+
     def start_reports(self):
         self.reported.clear()
         if self.timer is None:
@@ -160,8 +165,7 @@ class Adapter:
             self.timer = None
             return False
         for address, adv in list(self.advertisers.items()):
-            if adv.get('advertising', True) and not (self.mode == 'once' and
-                                                     address in self.reported):
+            if not (self.mode == 'once' and address in self.reported):
                 self.reported.add(address)
                 self.report(address, adv)
         return True
@@ -191,8 +195,6 @@ class Adapter:
         changes.setdefault('Alias', dbus.String(address.replace(':', '-')))
         changes.update({'Address': dbus.String(address), 'Connected': dbus.Boolean(False),
                         'ServicesResolved': dbus.Boolean(False)})
-        if 'txPower' in adv:
-            changes['TxPower'] = dbus.Int16(adv['txPower'])
         add_object(path, {DEVICE: changes}, {DEVICE: ('Connect', 'Disconnect')})
 
     def drop_link(self, path):
@@ -215,7 +217,7 @@ class Adapter:
                     'Flags': dbus.Array(ch.get('flags', ['read']), signature='s'),
                     'Value': byte_array(bytes.fromhex(ch.get('value', ''))),
                     'Notifying': dbus.Boolean(False),
-                }}, {CHRC: ('ReadValue', 'WriteValue', 'StartNotify', 'StopNotify')})
+                }}, {CHRC: ('ReadValue', 'WriteValue', 'StartNotify')})
         emit_changed(path, DEVICE, {'ServicesResolved': dbus.Boolean(True)})
         return False
 
@@ -294,12 +296,8 @@ class Handlers:
         adapter = adapter_of(self.path)
         if sender not in adapter.sessions:
             raise BluezError('Failed', 'No discovery started')
-        del adapter.sessions[sender]
-        adapter.filters.pop(sender, None)
         adapter.stop_count += 1
-        if not adapter.sessions:
-            adapter.stop_reports()
-            adapter.set_discovering(False)
+        adapter.end_session(sender)
 
     # Device1
     @dbus.service.method(DEVICE, in_signature='', out_signature='',
@@ -376,10 +374,6 @@ class Handlers:
     def StartNotify(self):
         emit_changed(self.path, CHRC, {'Notifying': dbus.Boolean(True)})
 
-    @dbus.service.method(CHRC, in_signature='', out_signature='')
-    def StopNotify(self):
-        emit_changed(self.path, CHRC, {'Notifying': dbus.Boolean(False)})
-
     # LEAdvertisingManager1 and GattManager1: as bluetoothd's GDBusClient, they
     # read the client's objects back (ObjectManager first) before replying.
     @dbus.service.method(ADV_MANAGER, in_signature='oa{sv}', out_signature='',
@@ -453,8 +447,6 @@ def valid_advertisement(props):
                                    uuid.endswith('-0000-1000-8000-00805f9b34fb'))
         sizes[2 if short else 16] = sizes.get(2 if short else 16, 0) + (2 if short else 16)
     length += sum(2 + total for total in sizes.values())
-    if 'tx-power' in [str(i) for i in props.get('Includes', [])]:
-        length += 3
     return length <= 31
 
 
@@ -494,10 +486,8 @@ def start_op(owner, path, iface, method, signature, args, result):
 # --- control interface (org.lumora.BluezMock on "/") ---------------------------------------
 
 def make_adapter(desc):
-    '''{"name", "address", "powered", "peripheral", "props": {"PowerState", "Roles"}}.'''
+    '''{"name", "address", "powered", "peripheral", "props": {"PowerState"}}.'''
     name = desc['name']
-    if name in ADAPTERS:
-        raise BluezError('AlreadyExists', 'adapter exists')
     peripheral = desc.get('peripheral', True)
     props = {
         'Address': dbus.String(desc.get('address', '00:AA:01:00:00:00')),
@@ -506,11 +496,8 @@ def make_adapter(desc):
         'Roles': dbus.Array(['central', 'peripheral'] if peripheral else ['central'],
                             signature='s'),
     }
-    extra = desc.get('props', {})
-    if 'Roles' in extra:
-        props['Roles'] = dbus.Array([str(v) for v in extra['Roles']], signature='s')
-    if 'PowerState' in extra:
-        props['PowerState'] = dbus.String(extra['PowerState'])
+    if 'PowerState' in desc.get('props', {}):
+        props['PowerState'] = dbus.String(desc['props']['PowerState'])
     interfaces = {ADAPTER: props}
     methods = {ADAPTER: ('SetDiscoveryFilter', 'StartDiscovery', 'StopDiscovery')}
     if peripheral:
@@ -547,7 +534,7 @@ def SetReportMode(self, name, mode):
 @dbus.service.method(MAIN_IFACE, in_signature='ss', out_signature='')
 def SetAdvertiser(self, name, desc):
     '''JSON {"address", "name", "rssi", "manufacturer": {"76": "hex"}, "uuids",
-    "txPower", "advertising", "connect": accept|ignore|refuse, "gatt": [...]};
+    "connect": accept|ignore|refuse, "gatt": [...]};
     updates the advertiser when it exists.'''
     s = json.loads(desc)
     ADAPTERS[name].advertisers.setdefault(s['address'], {}).update(s)
@@ -563,11 +550,7 @@ def DropLink(self, name, address):
 
 @dbus.service.method(MAIN_IFACE, in_signature='ssss', out_signature='')
 def SetCharacteristicError(self, path, op, name, message):
-    errors = adapter_of(path).char_errors
-    if name:
-        errors[(str(path), str(op))] = (str(name), str(message))
-    else:
-        errors.pop((str(path), str(op)), None)
+    adapter_of(path).char_errors[(str(path), str(op))] = (str(name), str(message))
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='say', out_signature='b', byte_arrays=True)
@@ -617,14 +600,10 @@ def client_gone(name, old, new):
     if new or not old:
         return
     for adapter in ADAPTERS.values():
-        adapter.sessions.pop(old, None)
-        adapter.filters.pop(old, None)
+        adapter.end_session(old)
         for table in (adapter.ads, adapter.apps):
             for key in [k for k in table if k[0] == old]:
                 del table[key]
-        if not adapter.sessions and adapter.timer is not None:
-            adapter.stop_reports()
-            adapter.set_discovering(False)
 
 
 def load(mock, parameters):

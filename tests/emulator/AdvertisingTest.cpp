@@ -66,12 +66,6 @@ TEST_F(AdvertisingTest, StartsByItselfOncePoweredOnAndAdvertisesAfterTheServiceI
   EXPECT_EQ(
       std::tuple(read.uuid, read.properties, read.permissions, read.value),
       std::tuple(kReadChar, CBCharacteristicPropertyRead, CBAttributePermissionsReadable, Data()));
-  ASSERT_NE(emulator->customService(), nullptr);
-  EXPECT_EQ(emulator->customService()->UUID(), kServiceUuid);
-  // A central sees the same layout, in the same order.
-  auto central = connectedCentral("12");
-  EXPECT_THAT(central->discover(),
-              ElementsAre(std::pair(kServiceUuid, std::vector<CBUUID>{kWriteChar, kReadChar})));
 }
 
 TEST_F(AdvertisingTest, RestartStopsAdvertisingFirstAndPublishesASecondService) {
@@ -85,7 +79,7 @@ TEST_F(AdvertisingTest, RestartStopsAdvertisingFirstAndPublishesASecondService) 
   air->advance(100ms);
   EXPECT_THAT(journal->since(mark),
               ElementsAre("stopAdvertising", kAddService, "serviceAdded", "startAdvertising 12"));
-  // The earlier copy stays until a stop.
+  // A central sees the published layout; the earlier copy stays until a stop.
   auto central = connectedCentral("12");
   const std::pair expected(kServiceUuid, std::vector<CBUUID>{kWriteChar, kReadChar});
   EXPECT_THAT(central->discover(), ElementsAre(expected, expected));
@@ -257,12 +251,14 @@ TEST_P(IdentityTest, AdvertisesSixteenBitNumbersAndTheirHexName) {
                                         row.localName}));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Numbers, IdentityTest,
-    ::testing::Values(Identity{1, 2, 1, 2, "12"}, Identity{4660, 171, 4660, 171, "1234ab"},
-                      Identity{0, 0, 0, 0, "00"}, Identity{18, 3, 18, 3, "123"},
-                      Identity{1, 35, 1, 35, "123"}, Identity{70000, 1, 4464, 1, "11701"},
-                      Identity{-1, 0, 65535, 0, "ffff0"}, Identity{65536, -2, 0, 65534, "0fffe"}));
+INSTANTIATE_TEST_SUITE_P(Numbers, IdentityTest,
+                         // Unpadded hex: 18/3 and 1/35 share a name; numbers wrap to 16 bits.
+                         ::testing::Values(Identity{4660, 171, 4660, 171, "1234ab"},
+                                           Identity{0, 0, 0, 0, "00"},
+                                           Identity{18, 3, 18, 3, "123"},
+                                           Identity{1, 35, 1, 35, "123"},
+                                           Identity{70000, 1, 4464, 1, "11701"},
+                                           Identity{-1, -2, 65535, 65534, "fffffffe"}));
 
 }  // namespace
 }  // namespace lumora::test

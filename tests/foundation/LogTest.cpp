@@ -48,9 +48,10 @@ std::string stampPattern(const std::string& text) {
          R"(\[)" + std::to_string(getpid()) + R"(\] )" + text + "\n";
 }
 
-// The default sink stamps each line; a line logged from inside a sink skips
-// the sink (no hang, no recursion); an empty sink brings the default back.
-TEST(Log, DefaultSinkStampsEachLineOnStderr) {
+// The default sink stamps each line; setLogSink hands back the sink it
+// replaced (LogCapture restores with it); a line logged from inside a sink
+// skips the sink (no hang, no recursion); an empty sink brings the default back.
+TEST(Log, DefaultSinkStampsEachLineOnStderrAndSinksGetTheBareLine) {
   StderrCapture capture;
   NSLog("Scanning started");
   NSLog("TQBeacon Conneting...");
@@ -60,31 +61,18 @@ TEST(Log, DefaultSinkStampsEachLineOnStderr) {
     NSLog("nested");
   });
   NSLog("outer");
-  EXPECT_TRUE(setLogSink({}));
+  auto mine = setLogSink({});
+  ASSERT_TRUE(mine);
+  mine("direct");  // the returned sink is the one that was installed
   NSLog("back to stderr");
   setLogSink(std::move(original));
-  EXPECT_EQ(lines, (std::vector<std::string>{"outer"}));
+  EXPECT_EQ(lines, (std::vector<std::string>{"outer", "direct"}));
   const std::string text = capture.text();
   EXPECT_TRUE(std::regex_match(
       text,
       std::regex(stampPattern("Scanning started") + stampPattern(R"(TQBeacon Conneting\.\.\.)") +
-                 stampPattern("nested") + stampPattern("back to stderr"))))
+                 stampPattern("nested") + stampPattern("nested") + stampPattern("back to stderr"))))
       << text;
-}
-
-TEST(Log, SinkGetsTheBareLineAndIsReplaceable) {
-  std::vector<std::string> outer, inner;
-  auto original = setLogSink([&](std::string_view line) { outer.emplace_back(line); });
-  NSLog("one");
-  auto previous = setLogSink([&](std::string_view line) { inner.emplace_back(line); });
-  NSLog("two");
-  ASSERT_TRUE(previous);
-  previous("direct");  // the returned sink is the one that was installed
-  setLogSink(std::move(previous));
-  NSLog("three");
-  setLogSink(std::move(original));
-  EXPECT_EQ(outer, (std::vector<std::string>{"one", "direct", "three"}));
-  EXPECT_EQ(inner, (std::vector<std::string>{"two"}));
 }
 
 TEST(Log, LinesFromManyThreadsNeverOverlap) {

@@ -33,7 +33,6 @@ TEST(Exchange, SendReportsFirstReadReportsAfterTheRequest) {
 
   rig.air->advance(1s);
   EXPECT_EQ(device->writesTo(kWriteUUID), std::vector<Bytes>{Bytes({0x01, 0x02, 0x03, 0x04})});
-  EXPECT_EQ(rig.log.count("didWriteValueForCharacteristic"), 1u);
   EXPECT_EQ(rig.recorder.states().size(), 1u);  // a write's outcome is not reported
 
   rig.recorder.clear();

@@ -1,13 +1,12 @@
 // The finder's pure helpers (iBeacon decoders, the distance curve, the two
-// hex text forms), the process-wide beacon defaults and the exported constants.
+// hex text forms) and the process-wide beacon defaults.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
-#include <cstring>
 #include <limits>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -59,48 +58,38 @@ TEST(AdvDataIsBeacon, TestsLengthThenPrefix) {
 // --- getBeaconInfoFromData ------------------------------------------------------
 
 TEST(BeaconInfo, FieldsAreBigEndianPowerIsSignedAndShortBuffersGiveNothing) {
-  struct Case {
-    const char* frame;
-    int major, minor, power;
-  };
-  const Case cases[] = {
-      {"4C000215 E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 0001 0002 C5", 1, 2, -59},
-      {"4C000215 E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 1234 0000 C5", 4660, 0, -59},
-      {"4C000215 E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 FFFF 8000 7F", 65535, 32768, 127},
-      {"4C000215 E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 0000 0001 80", 0, 1, -128},
-      {"4C000215 E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 0102 0304 FF", 258, 772, -1},
-      {"4C000215 E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 0001 0002 00", 1, 2, 0},
-      // The caller tests the prefix first; the decoder reads fields only.
-      {"FFFFFFFF E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 0001 0002 C5", 1, 2, -59},
+  const std::string uuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 ";
+  const struct {
+    std::string frame;                         // after the four-byte prefix and the UUID
+    std::optional<std::array<int, 3>> fields;  // major, minor, power; null: no record
+  } cases[] = {
+      {"0001 0002 C5", {{1, 2, -59}}},
+      {"FFFF 8000 7F", {{65535, 32768, 127}}},
+      {"0000 0001 80", {{0, 1, -128}}},
+      {"0102 0304 FF", {{258, 772, -1}}},
+      {"0001 0002 C5 AA", {{1, 2, -59}}},  // a longer buffer's tail is ignored
+      {"0001 0002", std::nullopt},         // 24 bytes
+      {"", std::nullopt},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.frame);
-    const auto info = TQBleFinder::getBeaconInfoFromData(hex(c.frame));
-    ASSERT_TRUE(info);
+    const auto info = TQBleFinder::getBeaconInfoFromData(hex("4C000215" + uuid + c.frame));
+    ASSERT_EQ(info.has_value(), c.fields.has_value());
+    if (!info) continue;
     EXPECT_EQ(info->uuid, "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
-    EXPECT_EQ(info->major.intValue(), c.major);
-    EXPECT_EQ(info->minor.intValue(), c.minor);
-    EXPECT_EQ(info->power.intValue(), c.power);
+    EXPECT_EQ((std::array{info->major.intValue(), info->minor.intValue(), info->power.intValue()}),
+              *c.fields);
   }
-  const Bytes frame = hex(kFrame);
-  const Dictionary d = TQBleFinder::getBeaconInfoFromData(frame)->dictionary();
-  ASSERT_EQ(d.size(), 4u);
-  EXPECT_EQ(stringValue(d.at("uuid")), "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
-  EXPECT_EQ(numberValue(d.at("major"))->intValue(), 1);
-  EXPECT_EQ(numberValue(d.at("minor"))->intValue(), 2);
-  EXPECT_EQ(numberValue(d.at("power"))->intValue(), -59);
-
-  // Short or null buffers give no record; longer ones ignore the tail.
-  EXPECT_FALSE(TQBleFinder::getBeaconInfoFromData(std::nullopt));
-  EXPECT_FALSE(TQBleFinder::getBeaconInfoFromData(Bytes{}));
-  EXPECT_FALSE(TQBleFinder::getBeaconInfoFromData(Bytes(frame.begin(), frame.begin() + 24)));
-  EXPECT_FALSE(TQBleFinder::getBeaconInfoFromData(Bytes(frame.begin(), frame.begin() + 5)));
-  Bytes longer = frame;
-  longer.push_back(0xAA);
-  const auto exact = TQBleFinder::getBeaconInfoFromData(frame);
-  const auto withTail = TQBleFinder::getBeaconInfoFromData(longer);
-  ASSERT_TRUE(exact && withTail);
-  EXPECT_EQ(*exact, *withTail);
+  // The caller tests the prefix first; the decoder reads fields only.
+  EXPECT_TRUE(TQBleFinder::getBeaconInfoFromData(hex("FFFFFFFF" + uuid + "0001 0002 C5")));
+  for (const Data& shortData : {Data(), Data(Bytes{}), Data(hex("4C00021500"))}) {
+    EXPECT_FALSE(TQBleFinder::getBeaconInfoFromData(shortData)) << description(shortData);
+  }
+  const Dictionary d = TQBleFinder::getBeaconInfoFromData(hex(kFrame))->dictionary();
+  EXPECT_EQ(d, (Dictionary{{"uuid", std::string("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0")},
+                           {"major", Number(1)},
+                           {"minor", Number(2)},
+                           {"power", Number(-59)}}));
 }
 
 // --- calculatedDistance ---------------------------------------------------------
@@ -183,7 +172,7 @@ TEST(HexText, BothForms) {
   }
 }
 
-// --- Defaults and constants ----------------------------------------------------
+// --- Defaults -------------------------------------------------------------------
 
 TEST(BeaconDefaults, SharedObjectIsMadeOnceWhenManyThreadsAskFirst) {
   constexpr int kThreads = 8;
@@ -201,42 +190,21 @@ TEST(BeaconDefaults, SharedObjectIsMadeOnceWhenManyThreadsAskFirst) {
   ASSERT_NE(seen[0], nullptr);
   for (const auto& s : seen) EXPECT_EQ(s, seen[0]);
   // Fully initialised whichever thread got there first.
-  EXPECT_EQ(seen[0]->supportedProximityUUIDs().size(), 3u);
-}
-
-TEST(BeaconDefaults, ValuesInOrderAndEachInitBuildsAFreshObject) {
-  const auto ap = TQBeaconAP::sharedDefaults();
+  const auto& ap = *seen[0];
   std::vector<std::string> texts;
-  for (const auto& u : ap->supportedProximityUUIDs()) texts.push_back(u.UUIDString());
+  for (const auto& u : ap.supportedProximityUUIDs()) texts.push_back(u.UUIDString());
   EXPECT_EQ(texts, (std::vector<std::string>{"E2C56DB5-DFFB-48D2-B060-D0F5A71096E0",
                                              "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5",
                                              "74278BDA-B644-4520-8F0C-720EAF059935"}));
-  ASSERT_TRUE(ap->defaultProximityUUID());
-  EXPECT_EQ(ap->defaultProximityUUID()->UUIDString(), texts[0]);
-  ASSERT_TRUE(ap->defaultPower());
+  EXPECT_EQ(ap.defaultProximityUUID(), ap.supportedProximityUUIDs().at(0));
   // Made from the integer, so it reads back as an integer, not a double.
-  EXPECT_EQ(ap->defaultPower()->kind(), Number::Kind::Signed);
-  EXPECT_EQ(ap->defaultPower()->intValue(), -59);
-
+  ASSERT_TRUE(ap.defaultPower());
+  EXPECT_EQ(ap.defaultPower()->kind(), Number::Kind::Signed);
+  EXPECT_EQ(ap.defaultPower()->intValue(), -59);
+  // init() builds the same values afresh on another object.
   auto fresh = std::make_shared<TQBeaconAP>();
-  EXPECT_FALSE(fresh->defaultProximityUUID());  // nothing before init
   EXPECT_EQ(fresh->init(), fresh);
-  EXPECT_NE(fresh, ap);
-  EXPECT_EQ(fresh->supportedProximityUUIDs(), ap->supportedProximityUUIDs());
-  EXPECT_EQ(fresh->defaultPower(), ap->defaultPower());
-}
-
-TEST(FrameworkConstants, VersionAndIdentifier) {
-  // 36 visible characters (two blanks before PROJECT), the line feed and the terminating zero.
-  static constexpr char kExpected[] = "@(#)PROGRAM:Lumora  PROJECT:Lumora-1\n";
-  static_assert(sizeof(kExpected) == 38);
-  EXPECT_EQ(std::memcmp(LumoraVersionString, kExpected, sizeof(kExpected)), 0);
-  EXPECT_EQ(LumoraVersionNumber, 1.0);
-  // A lowercase three-label reverse domain.
-  ASSERT_NE(BeaconIdentifier, nullptr);
-  EXPECT_TRUE(
-      std::regex_match(BeaconIdentifier, std::regex(R"([a-z][a-z0-9-]*(\.[a-z][a-z0-9-]*){2})")))
-      << BeaconIdentifier;
+  EXPECT_EQ(fresh->supportedProximityUUIDs(), ap.supportedProximityUUIDs());
 }
 
 }  // namespace
