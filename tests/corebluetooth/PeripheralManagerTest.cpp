@@ -6,8 +6,8 @@
 #include <atomic>
 
 #include "CoreBluetooth/CBPeripheralManager.h"
-#include "FakeRadio.h"
 #include "Foundation/Dispatch.h"
+#include "support/FakeRadio.h"
 
 namespace lumora {
 namespace {
@@ -86,7 +86,7 @@ class PeripheralManagerTest : public ::testing::Test {
     radio::Backend::setCurrent(backend);
     manager = CBPeripheralManager::initWithDelegate(recorder, dispatch_get_global_queue(0, 0));
     radio = backend->lastPeripheral();
-    backend->runTimers();
+    backend->advance(radio::Nanos{0});
     dispatch::settle();
   }
   void TearDown() override {
@@ -135,7 +135,7 @@ class PeripheralManagerTest : public ::testing::Test {
     return r;
   }
 
-  std::shared_ptr<test::FakeBackend> backend = std::make_shared<test::FakeBackend>();
+  std::shared_ptr<test::FakeRadio> backend = std::make_shared<test::FakeRadio>();
   std::shared_ptr<Seen> seen = std::make_shared<Seen>();
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>(seen);
   std::shared_ptr<CBPeripheralManager> manager;
@@ -205,30 +205,6 @@ TEST_F(PeripheralManagerTest, AWriteBatchArrivesInOneCallbackInOrder) {
   EXPECT_THAT(seen->lines, IsEmpty());  // the read came without a value
   EXPECT_THAT(radio->calls.lines(), ElementsAre("respond 1 0 <01>", "respond 2 0 <0202>",
                                                 "respond 3 0 <>", "respond 4 0 <04>"));
-}
-
-TEST_F(PeripheralManagerTest, RequestsOfOneCentralKeepTheirOrderUnderLoad) {
-  const auto token = published();
-  constexpr radio::RequestId kRequests = 10000;
-  for (radio::RequestId id = 1; id <= kRequests; ++id) {
-    if (id % 3 == 0) {
-      events()->radioReadRequest(request(id, token, 1));
-    } else {
-      events()->radioWriteRequests({request(id, token, 0, {0x00})});
-    }
-  }
-  dispatch::settle();
-
-  std::vector<radio::RequestId> delivered;
-  {
-    std::lock_guard lock(seen->mutex);
-    for (const auto& batch : seen->batches) {
-      for (const auto& r : batch) delivered.push_back(r->requestId());
-    }
-  }
-  ASSERT_EQ(delivered.size(), kRequests);
-  for (radio::RequestId i = 0; i < kRequests; ++i) ASSERT_EQ(delivered[i], i + 1);
-  EXPECT_EQ(radio->calls.lines().size(), kRequests);
 }
 
 TEST_F(PeripheralManagerTest, StateGoesToTheDelegateOfTheMomentAndNoCentralIsLeftWaiting) {
