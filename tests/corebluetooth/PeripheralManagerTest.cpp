@@ -207,6 +207,33 @@ TEST_F(PeripheralManagerTest, AWriteBatchArrivesInOneCallbackInOrder) {
                                                 "respond 3 0 <>", "respond 4 0 <04>"));
 }
 
+// Only this test sees the manager's own delivery order: the end-to-end
+// tests still pass when the manager hands its callbacks to the pool
+// unordered.
+TEST_F(PeripheralManagerTest, RequestsOfOneCentralKeepTheirOrderUnderLoad) {
+  const auto token = published();
+  constexpr radio::RequestId kRequests = 10000;
+  for (radio::RequestId id = 1; id <= kRequests; ++id) {
+    if (id % 3 == 0) {
+      events()->radioReadRequest(request(id, token, 1));
+    } else {
+      events()->radioWriteRequests({request(id, token, 0, {0x00})});
+    }
+  }
+  dispatch::settle();
+
+  std::vector<radio::RequestId> delivered;
+  {
+    std::lock_guard lock(seen->mutex);
+    for (const auto& batch : seen->batches) {
+      for (const auto& r : batch) delivered.push_back(r->requestId());
+    }
+  }
+  ASSERT_EQ(delivered.size(), kRequests);
+  for (radio::RequestId i = 0; i < kRequests; ++i) ASSERT_EQ(delivered[i], i + 1);
+  EXPECT_EQ(radio->calls.lines().size(), kRequests);
+}
+
 TEST_F(PeripheralManagerTest, StateGoesToTheDelegateOfTheMomentAndNoCentralIsLeftWaiting) {
   EXPECT_THAT(settledLines(), ElementsAre("state poweredOn"));
   events()->radioStateChanged(CBManagerState::PoweredOn);  // no change: no callback
