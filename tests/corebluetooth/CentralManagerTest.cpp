@@ -6,8 +6,8 @@
 #include <map>
 
 #include "CoreBluetooth/CBCentralManager.h"
-#include "FakeRadio.h"
 #include "Foundation/Dispatch.h"
+#include "support/FakeRadio.h"
 
 namespace lumora {
 namespace {
@@ -148,7 +148,7 @@ class CentralManagerTest : public ::testing::Test {
   }
 
   const CBUUID kService = CBUUID::UUIDWithString("CC00FFC0-0451-4000-B000-000000000000");
-  std::shared_ptr<test::FakeBackend> backend = std::make_shared<test::FakeBackend>();
+  std::shared_ptr<test::FakeRadio> backend = std::make_shared<test::FakeRadio>();
   std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
   std::shared_ptr<CBCentralManager> manager;
   std::shared_ptr<test::FakeCentralRadio> radio;

@@ -6,7 +6,7 @@
 
 #include "CoreBluetooth/CBAdvertisementData.h"
 #include "CoreBluetooth/CBUUID.h"
-#include "FakeRadio.h"
+#include "support/FakeRadio.h"
 
 namespace lumora {
 namespace {
@@ -100,8 +100,8 @@ TEST(CBAdvertisementData, DictionaryViewTakesOnlyValuesOfTheRightKind) {
 }
 
 TEST(Backend, CurrentIsOneSlotSharedByEveryThread) {
-  auto a = std::make_shared<test::FakeBackend>();
-  auto b = std::make_shared<test::FakeBackend>();
+  auto a = std::make_shared<test::FakeRadio>();
+  auto b = std::make_shared<test::FakeRadio>();
   radio::Backend::setCurrent(a);
   EXPECT_EQ(radio::Backend::current(), a);
   // Readers always get one of the installed radios, never a torn or dropped one.

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "CoreLocation/CLLocationManager.h"
-#include "FakeRadio.h"
 #include "Recorder.h"
+#include "support/FakeRadio.h"
 
 namespace lumora {
 namespace {

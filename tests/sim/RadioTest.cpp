@@ -43,11 +43,11 @@ INSTANTIATE_TEST_SUITE_P(
     Table, RadioSpecs,
     ::testing::Values(SpecCase{"sim", ""}, SpecCase{"sim:", "needs a scenario file"},
                       SpecCase{"sim:/no/such/scenario.json", "/no/such/scenario.json: cannot open"},
-                      SpecCase{"bluez:", "needs an adapter"}, SpecCase{"", "unknown radio \"\""},
-                      SpecCase{"SIM", "unknown radio \"SIM\""},
-                      SpecCase{"wifi:wlan0",
-                               "expected sim, sim:SCENARIO.json, bluez or bluez:ADAPTER"},
-                      SpecCase{"sim\nbluez", "unknown radio \"sim bluez\""}));
+                      SpecCase{"bluez:", "needs an adapter"},
+                      // Names come from the environment: any line break is quoted away.
+                      SpecCase{"sim\nbluez",
+                               "unknown radio \"sim bluez\" (expected sim, sim:SCENARIO.json, "
+                               "bluez or bluez:ADAPTER)"}));
 
 class DefaultRadio : public ::testing::Test {
  protected:
@@ -77,20 +77,22 @@ TEST_F(DefaultRadio, IsTheBuiltInSceneUnlessTheEnvironmentNamesAnother) {
   }
 }
 
+// The tool's tests run this air too, but pass as well when an earlier timer
+// waits for a later one: only the order below tells.
 TEST(RealTimeAir, TimersAndAdvertisementsRunFromTheMainRunLoop) {
   auto air = Air::create({.clock = ClockMode::RealTime});
   EXPECT_THROW(air->advance(1s), std::logic_error);
   bool late = false, early = false;
-  air->scheduleAfter(40ms, [&] { late = true; });
+  air->scheduleAfter(30s, [&] { late = true; });
   // Queued after the first timer was armed, due before it: the air re-arms.
   air->scheduleAfter(1ms, [&] { early = true; });
   air->addDevice({.localName = "RealTime", .advertisingInterval = 20ms});
   ReportSink sink;
   sink.observe(*air);
   EXPECT_TRUE(RunLoop::main().runUntil([&] { return early; }, 5s));
-  EXPECT_TRUE(RunLoop::main().runUntil([&] { return late; }, 5s));
-  EXPECT_GE(air->now(), 40ms);
+  EXPECT_FALSE(late);
   EXPECT_TRUE(RunLoop::main().runUntil([&] { return sink.reports->size() >= 3; }, 5s));
+  EXPECT_GE(air->now(), 40ms);
   EXPECT_EQ(sink.reports->front().advertisement.localName, "RealTime");
 }
 
