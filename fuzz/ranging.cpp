@@ -12,7 +12,7 @@
 
 #include "Check.h"
 #include "CoreLocation/CLLocationManager.h"
-#include "corelocation/FakeRadio.h"
+#include "support/FakeRadio.h"
 
 using namespace lumora;
 
