@@ -75,14 +75,14 @@ struct RunLoop::Impl {
     wakePending.store(false);
   }
 
+  // `queued` is written under the lock and read without it only as a hint
+  // (runOne's fast path): a release store is enough, and on x86 it is a
+  // plain move where a sequentially consistent one is an exchange.
+  void recountLocked() { queued.store(tasks.size() + timers.size(), std::memory_order_release); }
+
   // Tasks are stamped only to order them against timers; with no timer
   // pending, a task is ready before any timer added later, and the clock
   // need not be read at all.
-  // Written under the lock, read without it only as a hint (runOne's fast
-  // path): a release store is enough, and on x86 it is a plain move where a
-  // sequentially consistent one is an exchange.
-  void recountLocked() { queued.store(tasks.size() + timers.size(), std::memory_order_release); }
-
   Clock::time_point stampLocked() const {
     return timers.empty() ? Clock::time_point::min() : Clock::now();
   }
